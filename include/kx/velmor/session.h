@@ -1,0 +1,138 @@
+#pragma once
+
+#include <kx/velmor/connection.h>
+#include <kx/velmor/registration.h>
+#include <kx/velmor/session_status.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kx::velmor {
+
+class SessionCore;
+
+/// One entry of an access list: who may do what with a node.
+struct AccessRule
+{
+    /// `ZOO_PERM_READ`, `ZOO_PERM_CREATE`, ... or their sum, `ZOO_PERM_ALL`.
+    int permissions = 0;
+    /// "auth" with an empty `id` is whoever created the node, "digest" takes "user:<hash>", "ip" an address, "world"
+    /// "anyone".
+    std::string scheme;
+    std::string id;
+};
+
+/// What a session is opened with. All durations must be positive.
+struct SessionOptions
+{
+    /// "host:port,host:port": names, IPv4 addresses or IPv6 addresses in brackets. Names are looked up whenever
+    /// connections are set up anew, never by the client library.
+    std::string servers;
+    /// Put in front of every path of the session: empty, or like "/apps/x".
+    std::string rootPath{};
+    /// How long the servers keep the session and its ephemeral nodes after they last heard from it. The servers may
+    /// negotiate another value.
+    std::chrono::milliseconds sessionTimeout{10'000};
+    /// How long `Open` waits for a first server to answer.
+    std::chrono::milliseconds connectTimeout{10'000};
+    /// The longest that one operation blocks. Empty: as long as `sessionTimeout`.
+    std::optional<std::chrono::milliseconds> operationTimeout{};
+    /// Create the nodes of `rootPath` when the first node is created under it and they are missing. When false, that
+    /// creation fails with `ZNONODE`.
+    bool createRoot = true;
+    /// "user:password", shown to every server under the scheme "digest"; empty for none. Crosses the network in clear
+    /// and is never logged.
+    std::string digestCredentials{};
+    /// Given to the nodes that the session creates, those of the root included, in place of the open access list
+    /// (`ZOO_OPEN_ACL_UNSAFE`), which grants everything to everybody. Other lists are left as they are. Empty: so is
+    /// the open one.
+    std::vector<AccessRule> accessList{};
+};
+
+/// A live ZooKeeper session: the `Connection` that talks to servers.
+///
+/// It survives the loss of its connection and of its servers: the client library reconnects within the session, and
+/// when the session is over (expired, or several session timeouts without a word from any server) a new one is opened,
+/// with back-off and addresses looked up anew. Watches that are still held are told of each such change by session
+/// events; ephemeral nodes of the old session are gone or go, and making them and arming watches on nodes again is
+/// their owner's business.
+///
+/// Threads: three while connected, two of the client library and one event thread, which alone runs watch callbacks, in
+/// the order in which events arrived. A fourth exists while there is no connection, a deletion is pending or
+/// `KeepFresh` is in force, and a fifth while a name is looked up. A callback may take its time: later callbacks wait,
+/// the session lives on. A session that is still open when the process exits runs no callback any more once the static
+/// objects begin to go that are older than the process's first session.
+///
+/// Every operation returns within `operationTimeout`. Reads are repeated after a lost connection, with back-off, until
+/// then; writes are not, since they may have happened (but see `GuaranteedDelete`). An operation that was under way
+/// when its session ended returns `ZSESSIONEXPIRED`.
+class Session : public Connection
+{
+public:
+    /// Opens a session and waits until a server has answered.
+    ///
+    /// Blocks for up to `connectTimeout`. Throws `ZooError(ZBADARGUMENTS)` at once, after a log line that names the
+    /// option, when an option is wrong; `ZooError(ZOPERATIONTIMEOUT)` when nobody answered in time.
+    static std::shared_ptr<Session> Open(SessionOptions options);
+
+    /// Closes the session, as `Close` does.
+    ~Session() override;
+
+    /// Ends the session: its ephemeral nodes go, its watch callbacks are dropped, and every operation returns an error
+    /// code at once from now on. A second call does nothing but wait for the first.
+    ///
+    /// Blocks while a callback runs, unless called from one; afterwards no callback runs, except the one that called.
+    /// Takes up to three seconds when a server hangs. Threads: any, holding no lock that a watch callback or a state
+    /// listener takes.
+    void Close();
+
+    /// What is known now. Does not block. Threads: any.
+    SessionStatus Status() const;
+
+    using StateListener = std::function<void(const SessionStatus&)>;
+
+    /// Tells `listener` where the session stands, and then of each change, in order. Once the registration is
+    /// cancelled no call begins any more; one that is under way may go on.
+    ///
+    /// Calls come on the event thread, in order with watch callbacks, with no lock held. The last one, `Closed`, comes
+    /// before `Close` returns, on the stack of a callback that closes the session; on a closed session there is none.
+    /// It may come later when the session is destroyed by what destroys the handle of one of its watches. What a
+    /// listener throws is logged. Does not block. Threads: any.
+    Registration OnStateChange(StateListener listener);
+
+    /// While registered, keeps `SessionStatus::lastHeard` fresh for as long as servers answer: a request of the
+    /// session's own is sent when connected, and another a sixth of the negotiated timeout after the last one was
+    /// answered. It is a write that changes nothing (the deletion of a node that nobody makes), since reads prove
+    /// nothing, and costs what a write costs: an entry in the servers' logs of transactions. Any number of
+    /// registrations cost as much as one. Does not block. Threads: any.
+    Registration KeepFresh();
+
+    const std::string& RootPath() const override;
+    /// As `Connection::Create`. A request that a server would refuse for its size (1 MiB) is `ZBADARGUMENTS` before it
+    /// is sent, and so is room that cannot hold the created path.
+    int Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
+               std::string* createdPath) const override;
+    int GetChildren(std::string path, std::vector<std::string>& children) const override;
+    int Exists(std::string path, Stat* stat) const override;
+    /// As `Connection::Exists`. Also `ZMARSHALLINGERROR`, with nothing sent: the paths that the session watches would
+    /// come to more than 1 MB, which servers do not take at a reconnection.
+    std::pair<int, WatchHandle> Exists(std::string path, WatchCallback callback, Stat* stat) const override;
+    /// As `Connection::GuaranteedDelete`. Reads of this session that start later come after the deletion, also after
+    /// one that is still pending.
+    int GuaranteedDelete(std::string path) const override;
+    std::unique_ptr<clientid_t> ClientId() const override;
+
+private:
+    explicit Session(std::shared_ptr<SessionCore> core);
+
+    std::string FullPath(const std::string& path, bool sequential) const;
+
+    const std::shared_ptr<SessionCore> core_;
+};
+
+}  // namespace kx::velmor

@@ -1,0 +1,184 @@
+#include "source/disarming.h"
+#include "source/session_core.h"
+#include "source/session_log.h"
+
+#include <kx/velmor/session.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace kx::velmor {
+
+namespace {
+
+using logging::LogLevel;
+
+/// What a sequential node's name gets behind the requested one; a counter that has overflowed gets one character more.
+constexpr std::size_t kSequenceDigits = 10;
+
+/// A server drops the connection of whoever sends more in one request than this, its default for `jute.maxbuffer`.
+constexpr std::size_t kMostRequestBytes = 0xfffff;
+
+bool CanBeSent(const std::string& path)
+{
+    return !path.empty() && path.front() == '/' && path.find('\0') == std::string::npos;
+}
+
+/// The size of a creation on the wire, where every string and list has its length in front.
+std::size_t RequestBytes(const std::string& path, const std::string& data, const ACL_vector& acl)
+{
+    constexpr std::size_t kNumber = 4;
+    constexpr std::size_t kHeader = 2 * kNumber;
+    std::size_t bytes = kHeader + kNumber + path.size() + kNumber + data.size() + kNumber + kNumber;
+    for (int entry = 0; entry < acl.count; ++entry)
+    {
+        const ACL& right = acl.data[entry];
+        bytes += kNumber + kNumber + std::char_traits<char>::length(right.id.scheme) + kNumber +
+                 std::char_traits<char>::length(right.id.id);
+    }
+    return bytes;
+}
+
+bool TooLarge(std::size_t bytes, const std::string& path)
+{
+    if (bytes <= kMostRequestBytes)
+    {
+        return false;
+    }
+    constexpr std::size_t kMostShown = 100;
+    KX_LOG(LogLevel::Error, SessionLog()) << "A request of " << bytes << " bytes was not sent, since servers take "
+                                          << kMostRequestBytes << ": " << path.substr(0, kMostShown);
+    return true;
+}
+
+/// What an operation that only names a node is refused with; `ZOK` when it may be sent.
+int CheckPath(const std::string& path, const std::string& fullPath)
+{
+    if (!CanBeSent(path) || TooLarge(RequestBytes(fullPath, std::string(), ACL_vector{0, nullptr}), fullPath))
+    {
+        return ZBADARGUMENTS;
+    }
+    return ZOK;
+}
+
+}  // namespace
+
+std::shared_ptr<Session> Session::Open(SessionOptions options)
+{
+    return std::shared_ptr<Session>(new Session(SessionCore::Open(std::move(options))));
+}
+
+Session::Session(std::shared_ptr<SessionCore> core) : core_(std::move(core)) {}
+
+Session::~Session()
+{
+    core_->Close(!DisarmsOnThisThread());
+}
+
+void Session::Close()
+{
+    core_->Close(true);
+}
+
+SessionStatus Session::Status() const
+{
+    return core_->Status();
+}
+
+Registration Session::OnStateChange(StateListener listener)
+{
+    return core_->OnStateChange(std::move(listener));
+}
+
+Registration Session::KeepFresh()
+{
+    return core_->KeepFresh();
+}
+
+const std::string& Session::RootPath() const
+{
+    return core_->Options().rootPath;
+}
+
+std::string Session::FullPath(const std::string& path, bool sequential) const
+{
+    // "/" names the root itself, except where a sequence number follows.
+    return path == "/" && !sequential && !RootPath().empty() ? RootPath() : RootPath() + path;
+}
+
+int Session::Create(std::string path, const std::string& data, const ACL_vector& asked, int flags,
+                    std::string* createdPath) const
+{
+    const ACL_vector acl = core_->Access().InPlaceOf(asked);
+    const bool sequential = (flags & ZOO_SEQUENCE) != 0;
+    const std::size_t room = createdPath != nullptr ? createdPath->size() : std::string::npos;
+    const std::string fullPath = FullPath(path, sequential);
+    if (!CanBeSent(path) || path.size() + (sequential ? kSequenceDigits : 0) > room ||
+        TooLarge(RequestBytes(fullPath, data, acl), fullPath))
+    {
+        return ZBADARGUMENTS;
+    }
+
+    std::string created;
+    const int rc = core_->Create(fullPath, data, acl, flags, created);
+    if (rc != ZOK || createdPath == nullptr)
+    {
+        return rc;
+    }
+    const std::size_t rootSize = std::min(RootPath().size(), created.size());
+    std::string relative = created.size() == rootSize ? "/" : created.substr(rootSize);
+    if (relative.size() > room)
+    {
+        // A node whose name its creator cannot know would be left behind.
+        KX_LOG(LogLevel::Error, SessionLog()) << "Taken back, since its path does not fit the room: " << created;
+        core_->GuaranteedDelete(created, Clock::now());
+        return ZBADARGUMENTS;
+    }
+    *createdPath = std::move(relative);
+    return ZOK;
+}
+
+int Session::GetChildren(std::string path, std::vector<std::string>& children) const
+{
+    const std::string fullPath = FullPath(path, false);
+    const int rc = CheckPath(path, fullPath);
+    return rc == ZOK ? core_->GetChildren(fullPath, children) : rc;
+}
+
+int Session::Exists(std::string path, Stat* stat) const
+{
+    const std::string fullPath = FullPath(path, false);
+    const int rc = CheckPath(path, fullPath);
+    return rc == ZOK ? core_->Exists(fullPath, stat) : rc;
+}
+
+std::pair<int, Connection::WatchHandle> Session::Exists(std::string path, WatchCallback callback, Stat* stat) const
+{
+    const std::string fullPath = FullPath(path, false);
+    int rc = CheckPath(path, fullPath);
+    if (rc != ZOK)
+    {
+        return {rc, WatchHandle()};
+    }
+    auto state = std::make_shared<WatchState>();
+    state->active = true;
+    state->hasCallback = true;
+    state->callback = std::move(callback);
+    rc = core_->WatchExists(fullPath, state, stat);
+    WatchHandle handle(std::move(state));
+    return {rc, rc == ZOK || rc == ZNONODE ? std::move(handle) : WatchHandle()};
+}
+
+int Session::GuaranteedDelete(std::string path) const
+{
+    const std::string fullPath = FullPath(path, false);
+    const int rc = CheckPath(path, fullPath);
+    return rc == ZOK ? core_->GuaranteedDelete(fullPath, core_->Deadline()) : rc;
+}
+
+std::unique_ptr<clientid_t> Session::ClientId() const
+{
+    return core_->ClientId();
+}
+
+}  // namespace kx::velmor

@@ -1,0 +1,289 @@
+// Operations: one request and its answer, repeated where that is safe, always within a deadline.
+
+#include "source/make_path.h"
+#include "source/session_core.h"
+#include "source/session_log.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kx::velmor {
+
+namespace {
+
+/// What the client library suggests between attempts to connect: a sixtieth of the session timeout.
+constexpr int kFirstRetryDivisor = 60;
+constexpr int kMostRetryDivisor = 6;
+
+/// Codes that say nothing about the node, only that no answer came.
+bool NoAnswer(int rc)
+{
+    return rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT;
+}
+
+bool SessionOver(int rc)
+{
+    return rc == ZINVALIDSTATE || rc == ZSESSIONEXPIRED || rc == ZCLOSING;
+}
+
+/// Whether a code tells of the node, or of the request itself.
+bool Answered(int rc)
+{
+    return !NoAnswer(rc) && !SessionOver(rc);
+}
+
+}  // namespace
+
+int SessionCore::Create(const std::string& path, const std::string& data, const ACL_vector& acl, int flags,
+                        std::string& createdPath)
+{
+    const Clock::time_point deadline = Deadline();
+    Answer answer = CreateOnce(path, data, acl, flags, deadline);
+    const bool belowRoot = path.rfind('/') <= options_.rootPath.size();
+    if (answer.rc == ZNONODE && belowRoot && !options_.rootPath.empty() && options_.createRoot)
+    {
+        const int rc = CreateRoot(path, deadline);
+        if (rc != ZOK)
+        {
+            return rc;
+        }
+        answer = CreateOnce(path, data, acl, flags, deadline);
+    }
+    if (answer.rc == ZOK)
+    {
+        createdPath = std::move(answer.request->createdPath);
+    }
+    return answer.rc;
+}
+
+SessionCore::Answer SessionCore::CreateOnce(const std::string& path, const std::string& data, const ACL_vector& acl,
+                                            int flags, Clock::time_point deadline)
+{
+    return Call(Kind::Write, path, deadline, [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
+        return handle.Create(request, path, data, acl, flags);
+    });
+}
+
+int SessionCore::CreateRoot(const std::string& path, Clock::time_point deadline)
+{
+    std::vector<std::string> ancestry = Ancestry(options_.rootPath);
+    if (path == options_.rootPath)
+    {
+        ancestry.pop_back();
+    }
+    return MakePath(ancestry, {[&](const std::string& node) { return ExistsBefore(node, deadline).rc; },
+                               [&](const std::string& node) {
+                                   const ACL_vector acl = accessList_.InPlaceOf(ZOO_OPEN_ACL_UNSAFE);
+                                   return CreateOnce(node, std::string(), acl, 0, deadline).rc;
+                               }});
+}
+
+int SessionCore::GetChildren(const std::string& path, std::vector<std::string>& children)
+{
+    Answer answer =
+        Call(Kind::Read, path, Deadline(), [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
+            return handle.GetChildren(request, path);
+        });
+    if (answer.rc == ZOK)
+    {
+        children = std::move(answer.request->children);
+    }
+    return answer.rc;
+}
+
+int SessionCore::Exists(const std::string& path, Stat* stat)
+{
+    const Answer answer = ExistsBefore(path, Deadline());
+    if (answer.rc == ZOK && stat != nullptr)
+    {
+        *stat = answer.request->stat;
+    }
+    return answer.rc;
+}
+
+SessionCore::Answer SessionCore::ExistsBefore(const std::string& path, Clock::time_point deadline)
+{
+    return Call(Kind::Read, path, deadline, [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
+        return handle.Exists(request, path);
+    });
+}
+
+int SessionCore::WatchExists(const std::string& path, const WatchRegistry::State& state, Stat* stat)
+{
+    // Before the request, since the event may overtake the answer.
+    if (!AddWatch(path, state))
+    {
+        return ZMARSHALLINGERROR;
+    }
+    const Answer answer =
+        Call(Kind::Read, path, Deadline(), [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
+            return handle.WatchExists(request, path);
+        });
+    if (answer.rc != ZOK && answer.rc != ZNONODE)
+    {
+        watches_.Remove(path, state);
+    }
+    // An event that was on its way may have used the state up before the client library had its watch; and an attempt
+    // that failed in the end may have armed it.
+    Unwatch(path);
+    if (answer.rc == ZOK && stat != nullptr)
+    {
+        *stat = answer.request->stat;
+    }
+    return answer.rc;
+}
+
+bool SessionCore::AddWatch(const std::string& path, const WatchRegistry::State& state)
+{
+    if (watches_.Add(path, state))
+    {
+        return true;
+    }
+    DropReleasedWatches();
+    if (watches_.Add(path, state))
+    {
+        return true;
+    }
+    constexpr std::size_t kMostShown = 100;
+    KX_LOG(logging::LogLevel::Error, SessionLog())
+        << "No room for one more watched path: " << path.substr(0, kMostShown);
+    return false;
+}
+
+Clock::time_point SessionCore::Deadline() const
+{
+    return Clock::now() + options_.operationTimeout.value_or(options_.sessionTimeout);
+}
+
+SessionCore::Answer SessionCore::Call(Kind kind, const std::string& path, Clock::time_point deadline,
+                                      const Submission& submit)
+{
+    std::optional<std::uint64_t> generation;
+    std::optional<Backoff> backoff;
+    DropReleasedWatches();
+    for (;;)
+    {
+        const LiveConnection live = AwaitConnection(generation, deadline);
+        if (live.rc != ZOK)
+        {
+            return {live.rc, nullptr};
+        }
+        generation = live.generation;
+        Answer answer = Attempt(kind, live, path, deadline, submit);
+        if (kind == Kind::Write || !NoAnswer(answer.rc) || Clock::now() >= deadline)
+        {
+            return answer;
+        }
+        if (!backoff)
+        {
+            backoff.emplace(std::max(options_.sessionTimeout / kFirstRetryDivisor, std::chrono::milliseconds(1)),
+                            std::max(options_.sessionTimeout / kMostRetryDivisor, std::chrono::milliseconds(1)));
+        }
+        AwaitNewConnection(live, backoff->Next(), deadline);
+    }
+}
+
+SessionCore::Answer SessionCore::Attempt(Kind kind, const LiveConnection& live, const std::string& path,
+                                         Clock::time_point deadline, const Submission& submit)
+{
+    // The server answers in the order in which it was asked: what is pending is done before we look.
+    SubmitDeletes(false);
+    const auto request = std::make_shared<Request>();
+    const auto sync = kind == Kind::Read && !live.synced ? std::make_shared<Request>() : nullptr;
+    int rc = sync ? live.handle->Sync(sync, path) : static_cast<int>(ZOK);
+    if (rc != ZOK)
+    {
+        return {Settle(rc, live.generation), request};
+    }
+    rc = submit(*live.handle, request);
+    rc = rc == ZOK ? request->Await(deadline) : rc;
+    if (sync && Answered(rc))
+    {
+        // Sent first, it has its answer by now, unless the connection went in between.
+        const int synced = sync->Await(deadline);
+        rc = synced == ZOK ? rc : synced;
+    }
+    rc = Settle(rc, live.generation);
+    if (kind == Kind::Read && Answered(rc) && !Trustworthy(live, sync != nullptr))
+    {
+        rc = ZCONNECTIONLOSS;
+    }
+    return {rc, request};
+}
+
+SessionCore::LiveConnection SessionCore::AwaitConnection(std::optional<std::uint64_t> generation,
+                                                         Clock::time_point deadline)
+{
+    const MutexLock lock(mutex_);
+    if (phase_ == SessionState::Suspended)
+    {
+        generation = generation.value_or(generation_);
+    }
+    bool inTime = true;
+    for (;;)
+    {
+        if (phase_ == SessionState::Closed)
+        {
+            return {ZCLOSING, nullptr, 0, 0, false};
+        }
+        // What was asked in one session must not be answered by the next.
+        if (generation.value_or(generation_) != generation_)
+        {
+            return {ZSESSIONEXPIRED, nullptr, 0, 0, false};
+        }
+        if (phase_ == SessionState::Connected && handle_)
+        {
+            return {ZOK, handle_, generation_, connection_, syncedConnection_ == connection_};
+        }
+        if (!inTime)
+        {
+            return {ZCONNECTIONLOSS, nullptr, 0, 0, false};
+        }
+        inTime = changed_.WaitUntil(mutex_, deadline);
+    }
+}
+
+int SessionCore::Settle(int rc, std::uint64_t generation) const
+{
+    if (Answered(rc))
+    {
+        return rc;
+    }
+    const MutexLock lock(mutex_);
+    if (phase_ == SessionState::Closed)
+    {
+        return ZCLOSING;
+    }
+    // The handle may know of the end of its session before we are told.
+    return generation != generation_ || SessionOver(rc) ? static_cast<int>(ZSESSIONEXPIRED) : rc;
+}
+
+bool SessionCore::Trustworthy(const LiveConnection& live, bool synced)
+{
+    const MutexLock lock(mutex_);
+    // A request that waited in the client library for the next connection may be answered by a server that lags behind.
+    if (live.connection != connection_)
+    {
+        return false;
+    }
+    if (synced)
+    {
+        syncedConnection_ = live.connection;
+    }
+    return true;
+}
+
+void SessionCore::AwaitNewConnection(const LiveConnection& live, std::chrono::milliseconds delay,
+                                     Clock::time_point deadline)
+{
+    const Clock::time_point end = std::min(Clock::now() + delay, deadline);
+    const MutexLock lock(mutex_);
+    const auto settled = [&]() KX_REQUIRES(mutex_) {
+        return phase_ == SessionState::Closed || generation_ != live.generation ||
+               (phase_ == SessionState::Connected && connection_ != live.connection);
+    };
+    while (!settled() && changed_.WaitUntil(mutex_, end))
+    {}
+}
+
+}  // namespace kx::velmor

@@ -1,0 +1,130 @@
+#include "tests/chaos/stage.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+namespace kx::velmor::chaos {
+
+namespace {
+
+using testing_support::ChildProcess;
+using testing_support::ProcessOptions;
+using testing_support::Proxy;
+
+/// Built into the same directory.
+std::filesystem::path MemberProgram()
+{
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmor_chaos_member";
+}
+
+}  // namespace
+
+Stage::Stage(std::size_t members, std::chrono::milliseconds sessionTimeout, std::filesystem::path directory)
+    : sessionTimeout_(sessionTimeout), directory_(std::move(directory)), links_(members), processes_(members)
+{
+    for (std::size_t member = 0; member < members; ++member)
+    {
+        const std::filesystem::path history = directory_ / (NameOf(member) + ".jsonl");
+        // Of an earlier run.
+        std::filesystem::remove(history);
+        std::filesystem::remove(directory_ / (NameOf(member) + ".log"));
+        readers_.emplace_back(NameOf(member), history);
+    }
+}
+
+void Stage::StartServers()
+{
+    servers_.Start();
+    for (auto& links : links_)
+    {
+        for (std::size_t server = 0; server < servers_.Size(); ++server)
+        {
+            links.push_back(std::make_unique<Proxy>(servers_.Server(server).Address()));
+        }
+    }
+}
+
+void Stage::StartMember(std::size_t member)
+{
+    std::string addresses;
+    for (const auto& link : links_.at(member))
+    {
+        addresses += (addresses.empty() ? "" : ",") + link->Address();
+    }
+    ProcessOptions options;
+    options.command = {MemberProgram(),
+                       "--servers",
+                       addresses,
+                       "--path",
+                       path_,
+                       "--history",
+                       directory_ / (NameOf(member) + ".jsonl"),
+                       "--session-timeout",
+                       std::to_string(sessionTimeout_.count())};
+    options.output = directory_ / (NameOf(member) + ".log");
+    processes_.at(member) = std::make_unique<ChildProcess>(std::move(options));
+}
+
+void Stage::RestartServers(const std::vector<std::size_t>& servers)
+{
+    for (const std::size_t server : servers)
+    {
+        servers_.Server(server).Launch();
+    }
+    for (const std::size_t server : servers)
+    {
+        servers_.Server(server).AwaitServing();
+    }
+}
+
+std::vector<Proxy*> Stage::Links(std::optional<std::size_t> member, std::optional<std::size_t> server)
+{
+    std::vector<Proxy*> chosen;
+    for (std::size_t i = 0; i < links_.size(); ++i)
+    {
+        for (std::size_t j = 0; j < links_[i].size(); ++j)
+        {
+            if (i == member.value_or(i) && j == server.value_or(j))
+            {
+                chosen.push_back(links_[i][j].get());
+            }
+        }
+    }
+    return chosen;
+}
+
+std::size_t Stage::Leader()
+{
+    std::size_t leader = 0;
+    Instant latest{0};
+    for (std::size_t i = 0; i < Members(); ++i)
+    {
+        const Member& member = HistoryOf(i);
+        if (!member.bySession.empty() && member.bySession.back().when.end > latest)
+        {
+            latest = member.bySession.back().when.end;
+            leader = i;
+        }
+    }
+    return leader;
+}
+
+std::size_t Stage::Watches()
+{
+    const std::string label = "Total watches:";
+    std::size_t watches = 0;
+    for (std::size_t server = 0; server < servers_.Size(); ++server)
+    {
+        const std::string answer = servers_.Server(server).Ask("wchs");
+        const std::size_t begin = answer.find(label);
+        if (begin == std::string::npos)
+        {
+            throw std::runtime_error("a server tells of no watches: " + answer);
+        }
+        watches += std::stoul(answer.substr(begin + label.size()));
+    }
+    return watches;
+}
+
+}  // namespace kx::velmor::chaos

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "tests/chaos/fault_plan.h"
+#include "tests/chaos/history.h"
+#include "tests/chaos/member_reader.h"
+#include "tests/support/child_process.h"
+#include "tests/support/ensemble.h"
+#include "tests/support/proxy.h"
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kx::velmor::chaos {
+
+/// Three servers, the members, and a proxy between each member and each server.
+///
+/// Threads: one. Verbs throw `std::runtime_error` when the world outside does not do as it is told.
+class Stage
+{
+public:
+    Stage(std::size_t members, std::chrono::milliseconds sessionTimeout, std::filesystem::path directory);
+    /// No process stays behind.
+    ~Stage() = default;
+
+    Stage(const Stage&) = delete;
+    Stage& operator=(const Stage&) = delete;
+
+    void StartServers();
+    void StartMember(std::size_t member);
+    /// Starts servers that are down, and waits until they serve.
+    void RestartServers(const std::vector<std::size_t>& servers);
+
+    std::size_t Members() const { return processes_.size(); }
+    static std::string NameOf(std::size_t member) { return "m" + std::to_string(member + 1); }
+
+    testing_support::Ensemble& Servers() { return servers_; }
+    testing_support::ChildProcess& Process(std::size_t member) { return *processes_.at(member); }
+    /// The links of one member, or of all; to one server, or to all.
+    std::vector<testing_support::Proxy*> Links(std::optional<std::size_t> member, std::optional<std::size_t> server);
+
+    /// The member's history up to now.
+    const Member& HistoryOf(std::size_t member) { return readers_.at(member).Update(); }
+    /// Who was the last to be sure that it leads; the first member when nobody ever was.
+    std::size_t Leader();
+
+    /// How many watches the servers keep. Only while all of them serve.
+    std::size_t Watches();
+
+    const std::string& Path() const { return path_; }
+    std::string Addresses() const { return servers_.Addresses(); }
+
+private:
+    const std::chrono::milliseconds sessionTimeout_;
+    const std::filesystem::path directory_;
+    const std::string path_ = "/chaos/election";
+    testing_support::Ensemble servers_;
+    /// By member, then by server.
+    std::vector<std::vector<std::unique_ptr<testing_support::Proxy>>> links_;
+    std::vector<std::unique_ptr<testing_support::ChildProcess>> processes_;
+    std::vector<MemberReader> readers_;
+};
+
+}  // namespace kx::velmor::chaos

@@ -1,0 +1,216 @@
+#pragma once
+
+#include <kx/velmor/transaction.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kx::velmor {
+
+class CandidateCore;
+class ElectionSession;
+
+/// Where a candidate stands.
+enum class Role
+{
+    /// It takes no part.
+    Stopped,
+    /// It takes part and has no place in the queue yet, or none any more: it tries to get one.
+    Joining,
+    /// It waits, with at least two ahead of it.
+    Follower,
+    /// It is the first to take over.
+    NextLeader,
+    /// It leads.
+    Leader,
+};
+
+/// "stopped", "joining", "follower", "next leader", "leader".
+const char* ToString(Role role) noexcept;
+
+/// Why a leadership is over.
+enum class LossReason
+{
+    /// The candidate was stopped.
+    Left,
+    /// The servers have ended its session, or its owner has closed it.
+    SessionExpired,
+    /// Somebody deleted its node.
+    NodeDeleted,
+    /// The servers were not heard from for so long that they may have ended the session by now.
+    LeaseRanOut,
+    /// Another node of the election path came to stand ahead of its own.
+    Displaced,
+};
+
+/// "left", "session expired", "node deleted", "lease ran out", "displaced".
+const char* ToString(LossReason reason) noexcept;
+
+/// What became of a guarded write.
+struct GuardedWrite
+{
+    enum class Outcome
+    {
+        /// All operations are applied.
+        Applied,
+        /// The leadership does not stand any more. Nothing has changed.
+        NotLeading,
+        /// The servers refused one of the operations. Nothing has changed.
+        Refused,
+        /// No answer came: all operations may have been applied, or none; they may yet be, but only if the leadership
+        /// still stands then.
+        Unknown,
+    };
+
+    /// Whether it was applied.
+    explicit operator bool() const noexcept { return outcome == Outcome::Applied; }
+
+    Outcome outcome = Outcome::Unknown;
+    /// `Refused`: the index of the operation.
+    std::size_t refused = 0;
+    /// Except for `Applied` and `NotLeading`: the ZooKeeper code, and its text.
+    int code = 0;
+    std::string error{};
+    /// `Applied`: the paths that were created, one per operation, empty for those that create nothing.
+    std::vector<std::string> created{};
+};
+
+/// One leadership of one candidate, from its gain to its loss. A leadership that is lost does not come back: the next
+/// one has another epoch.
+///
+/// A handle, cheap to copy. May outlive its candidate. Threads: any.
+class Leadership
+{
+public:
+    /// The fencing token: greater than that of every leadership of this election before it. Hand it to whatever the
+    /// leader writes to, and have that refuse smaller ones than it has seen. (The number of the transaction that
+    /// created the candidate's node, as ZooKeeper counts them.)
+    std::int64_t Epoch() const noexcept { return epoch_; }
+
+    /// Whether it stands; as `Candidate::IsLeader`, for this leadership alone. Lock-free.
+    bool Stands() const noexcept;
+
+    /// Applies the operations, all or none, if this leadership stands at that moment on the servers: whatever delays
+    /// this call, nobody else can have become leader before the operations are applied.
+    ///
+    /// Blocks for one round trip, for as long as an operation of the session may take at most.
+    GuardedWrite Write(const std::vector<Operation>& operations) const;
+
+private:
+    friend class CandidateCore;
+    Leadership(std::shared_ptr<CandidateCore> core, std::uint64_t stay, std::int64_t epoch);
+
+    std::shared_ptr<CandidateCore> core_;
+    std::uint64_t stay_;
+    std::int64_t epoch_;
+};
+
+/// What a candidate is made with.
+///
+/// The callbacks, each of which may be empty, run one after the other, in the order of what they tell, on a thread of
+/// the candidate's own and with no lock held. They may take their time and call anything. Until they have returned the
+/// candidate does not join again, and the next in line is not let in. What they throw is logged.
+struct CandidateOptions
+{
+    /// Where the election takes place, as in "/services/billing/leader". Candidates of one election use one path, and
+    /// nobody else creates nodes there, nor in its sibling with "-identities" behind its name.
+    std::string electionPath;
+
+    /// The candidate leads. Once per leadership.
+    std::function<void(const Leadership&)> onLeader{};
+    /// The leadership is over. Once for each `onLeader`, before the next one.
+    std::function<void(LossReason)> onLeaderLost{};
+    /// The candidate is next in line: time to warm up. Once per stay in second place.
+    std::function<void()> onNextLeader{};
+    /// It is no longer next, because it is about to lead, too. Once for each `onNextLeader`.
+    std::function<void()> onNextLeaderLost{};
+    /// The role has changed, to this one. Comes before the more specific callback for a gain, and after it for a loss.
+    std::function<void(Role)> onRoleChange{};
+
+    /// Who this is, for people to read. Empty: "<host name>:<process id>". At most 1,024 bytes.
+    std::string identity{};
+    /// Join again after having fallen out of the queue. When false, the candidate stops then.
+    bool rejoin = true;
+    /// How long to wait before joining again, at random between half of this and all of it, doubled after each attempt
+    /// that failed, and at most the second. Both must be positive.
+    std::chrono::milliseconds firstRejoinDelay{100};
+    std::chrono::milliseconds mostRejoinDelay{10'000};
+};
+
+/// One participant in a leader election, which joins, joins again when it has fallen out, and leads when its turn
+/// comes.
+///
+/// At any moment at most one candidate of an election leads, by `IsLeader`: see docs/guarantees.md for what that takes.
+///
+/// Start and stop it as often as needed. Two candidates of one election need a session each.
+///
+/// Threads: two of its own from the first `Start` on. All functions may be called from any thread, callbacks included.
+class Candidate
+{
+public:
+    /// Makes no call to the service, and starts nothing. `session` must not be null.
+    Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions options);
+
+    /// Leaves the election, as `Stop` does.
+    ~Candidate();
+
+    Candidate(const Candidate&) = delete;
+    Candidate& operator=(const Candidate&) = delete;
+
+    /// Takes part from now on: joins as soon as a server is reachable. Does nothing on a candidate that takes part.
+    /// What can never succeed (a path that names no node, no permission) ends in `Stopped`, with `Error` saying why.
+    ///
+    /// Does not block.
+    void Start();
+
+    /// Leaves the election. A leader's `onLeaderLost` has returned before its node is deleted, so that the next one
+    /// does not begin before this one has finished. Does nothing on a candidate that takes no part.
+    ///
+    /// Blocks until callbacks have returned and the node is deleted, or cannot be for want of a server (it goes in the
+    /// background then, or with the session). In a callback of this candidate it does not block: all of that happens
+    /// when the callback has returned.
+    void Stop();
+
+    /// Whether this candidate leads: true only while no server can have ended its session, so that nobody else can
+    /// lead. Right in the first instruction after a process was stopped for any length of time, or its machine slept.
+    ///
+    /// It says that the candidate led when it was asked, not that it still does when the next instruction runs: guard
+    /// what must not be done twice with `Leadership`. Lock-free; costs one reading of the clock.
+    bool IsLeader() const noexcept;
+
+    /// How much longer `IsLeader` will be true if no server is heard from again; 0 when it is false. Lock-free.
+    std::chrono::milliseconds LeaseLeft() const noexcept;
+
+    /// The leadership that stands now, if any.
+    std::optional<Leadership> CurrentLeadership() const;
+
+    /// The role now. `Leader` exactly when `IsLeader`. Callbacks may be late to tell.
+    Role CurrentRole() const;
+
+    /// Waits until the role is this one; false when it was not within `timeout`. In a callback of this candidate it
+    /// waits like everywhere else.
+    bool WaitForRole(Role role, std::chrono::milliseconds timeout) const;
+
+    /// Waits until the role is another than `from`, and returns it; `from` when it was not within `timeout`.
+    Role WaitForChange(Role from, std::chrono::milliseconds timeout) const;
+
+    /// The name of its node, as in "c-0000000042"; empty while it has no place in the queue.
+    std::string NodeName() const;
+
+    /// As it is told to others.
+    const std::string& Identity() const noexcept;
+
+    /// Why it has stopped by itself; empty when it has not. `Start` clears it.
+    std::string Error() const;
+
+private:
+    const std::shared_ptr<CandidateCore> core_;
+};
+
+}  // namespace kx::velmor

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <kx/velmor/boot_clock.h>
+#include <kx/velmor/connection.h>
+#include <kx/velmor/registration.h>
+#include <kx/velmor/session_status.h>
+#include <kx/velmor/transaction.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kx::velmor {
+
+/// What a `Candidate` needs of a session: a `Connection` that also tells where it stands, holds data, does several
+/// things at once, and knows what time it is.
+///
+/// `Session` (session.h) talks to real servers; `testing::MemorySession` lives in a service in memory.
+///
+/// Threads: any, as far as nothing else is said.
+class ElectionSession : public Connection
+{
+public:
+    using StateListener = std::function<void(const SessionStatus&)>;
+    /// Told the session's number and its new `SessionStatus::lastHeard`.
+    using HeardListener = std::function<void(std::int64_t sessionId, BootClock::time_point lastHeard)>;
+
+    /// What is known now. Does not block.
+    virtual SessionStatus Status() const = 0;
+
+    /// Tells `listener` where the session stands, and then of each change, in order. Once the registration is
+    /// cancelled no call begins any more; one that is under way may go on.
+    ///
+    /// Calls come on the event thread, in order with watch callbacks, with no lock held. The last one, `Closed`, comes
+    /// before the session's closing is through. What a listener throws is logged. Does not block.
+    virtual Registration OnStateChange(StateListener listener) = 0;
+
+    /// Tells `listener` whenever `SessionStatus::lastHeard` has grown, before the caller of the write that made it grow
+    /// gets its answer. Cancelling is as above.
+    ///
+    /// Calls come on a thread that keeps the session alive: a listener must neither block nor throw nor call the
+    /// session. They are not in order with changes of the state, so the session's number says which one was heard. Does
+    /// not block.
+    virtual Registration OnHeard(HeardListener listener) = 0;
+
+    /// While registered, keeps `SessionStatus::lastHeard` fresh for as long as servers answer. Any number of
+    /// registrations cost as much as one. Does not block.
+    virtual Registration KeepFresh() = 0;
+
+    /// Reads a node's data, and its `stat`, which may be null: `ZOK` or `ZNONODE`. A node without data has empty data.
+    virtual int GetData(std::string path, std::string& data, Stat* stat) const = 0;
+
+    /// Applies all operations or none. After `ZOK` all are applied. After the code of the one that was refused, whose
+    /// index is in `result`, nothing has changed. After every other code nothing is known, as for every change.
+    /// A list without operations is `ZBADARGUMENTS`.
+    virtual int Transact(const std::vector<Operation>& operations, TransactionResult& result) const = 0;
+
+    /// The time by which `SessionStatus::lastHeard` is measured. Does not block, takes no lock.
+    virtual BootClock::time_point Now() const noexcept { return BootClock::now(); }
+
+    /// Tells `listener` when `Now` has jumped, which only the clock of a session in memory does: it is time to look
+    /// again what is due. Cancelling is as above. Does not block.
+    virtual Registration OnClockJump(std::function<void()> /*listener*/) { return Registration(); }
+};
+
+}  // namespace kx::velmor

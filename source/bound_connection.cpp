@@ -1,0 +1,107 @@
+#include "source/bound_connection.h"
+
+#include <algorithm>
+
+namespace kx::velmor {
+
+BoundConnection::BoundConnection(std::shared_ptr<ElectionSession> session, std::int64_t sessionId)
+    : session_(std::move(session)), sessionId_(sessionId)
+{}
+
+bool BoundConnection::SessionOver() const
+{
+    const SessionStatus status = session_->Status();
+    return status.sessionId != sessionId_ || status.state == SessionState::Expired ||
+           status.state == SessionState::Closed;
+}
+
+void BoundConnection::DropCallbacks()
+{
+    std::vector<std::weak_ptr<Callback>> callbacks;
+    {
+        const MutexLock lock(mutex_);
+        callbacks.swap(callbacks_);
+    }
+    for (const std::weak_ptr<Callback>& weak : callbacks)
+    {
+        if (const auto callback = weak.lock())
+        {
+            std::shared_ptr<const WatchCallback> function;
+            const MutexLock lock(callback->mutex);
+            // Destroyed after the lock, with all that it holds.
+            function.swap(callback->function);
+        }
+    }
+}
+
+const std::string& BoundConnection::RootPath() const
+{
+    return session_->RootPath();
+}
+
+int BoundConnection::Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
+                            std::string* createdPath) const
+{
+    return SessionOver() ? static_cast<int>(ZSESSIONEXPIRED)
+                         : session_->Create(std::move(path), data, acl, flags, createdPath);
+}
+
+int BoundConnection::GetChildren(std::string path, std::vector<std::string>& children) const
+{
+    return SessionOver() ? static_cast<int>(ZSESSIONEXPIRED) : session_->GetChildren(std::move(path), children);
+}
+
+int BoundConnection::Exists(std::string path, Stat* stat) const
+{
+    return SessionOver() ? static_cast<int>(ZSESSIONEXPIRED) : session_->Exists(std::move(path), stat);
+}
+
+std::pair<int, Connection::WatchHandle> BoundConnection::Exists(std::string path, WatchCallback function,
+                                                                Stat* stat) const
+{
+    if (SessionOver())
+    {
+        return {ZSESSIONEXPIRED, WatchHandle()};
+    }
+    const auto callback = std::make_shared<Callback>();
+    {
+        const MutexLock lock(callback->mutex);
+        callback->function = std::make_shared<const WatchCallback>(std::move(function));
+    }
+    Remember(callback);
+    return session_->Exists(
+        std::move(path),
+        [callback](int type, int state, std::string node) {
+            std::shared_ptr<const WatchCallback> present;
+            {
+                const MutexLock lock(callback->mutex);
+                present = callback->function;
+            }
+            if (present)
+            {
+                (*present)(type, state, std::move(node));
+            }
+        },
+        stat);
+}
+
+int BoundConnection::GuaranteedDelete(std::string path) const
+{
+    return SessionOver() ? static_cast<int>(ZNONODE) : session_->GuaranteedDelete(std::move(path));
+}
+
+std::unique_ptr<clientid_t> BoundConnection::ClientId() const
+{
+    return session_->ClientId();
+}
+
+void BoundConnection::Remember(const std::shared_ptr<Callback>& callback) const
+{
+    const MutexLock lock(mutex_);
+    callbacks_.erase(std::remove_if(callbacks_.begin(), callbacks_.end(),
+                                    [](const std::weak_ptr<Callback>& weak) { return weak.expired(); }),
+                     callbacks_.end());
+    callbacks_.push_back(callback);
+}
+
+}  // namespace kx::velmor

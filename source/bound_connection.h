@@ -1,0 +1,56 @@
+#pragma once
+
+#include "source/sync.h"
+
+#include <kx/velmor/election_session.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kx::velmor {
+
+/// A session's connection for as long as the session is the one it began with. Afterwards operations return
+/// `ZSESSIONEXPIRED`, and the nodes that went with the session count as deleted: one of the same name, in an election
+/// path that was made anew, would be somebody else's.
+///
+/// Threads: any.
+class BoundConnection final : public Connection
+{
+public:
+    BoundConnection(std::shared_ptr<ElectionSession> session, std::int64_t sessionId);
+
+    bool SessionOver() const;
+
+    /// Drops all callbacks of watches: none begins any more.
+    void DropCallbacks();
+
+    const std::string& RootPath() const override;
+    int Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
+               std::string* createdPath) const override;
+    int GetChildren(std::string path, std::vector<std::string>& children) const override;
+    int Exists(std::string path, Stat* stat) const override;
+    std::pair<int, WatchHandle> Exists(std::string path, WatchCallback callback, Stat* stat) const override;
+    int GuaranteedDelete(std::string path) const override;
+    std::unique_ptr<clientid_t> ClientId() const override;
+
+private:
+    /// A callback that can be taken away from whoever holds it.
+    struct Callback
+    {
+        Mutex mutex;
+        std::shared_ptr<const WatchCallback> function KX_GUARDED_BY(mutex);
+    };
+
+    void Remember(const std::shared_ptr<Callback>& callback) const;
+
+    const std::shared_ptr<ElectionSession> session_;
+    const std::int64_t sessionId_;
+
+    mutable Mutex mutex_;
+    mutable std::vector<std::weak_ptr<Callback>> callbacks_ KX_GUARDED_BY(mutex_);
+};
+
+}  // namespace kx::velmor

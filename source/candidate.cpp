@@ -1,0 +1,125 @@
+#include "source/candidate_core.h"
+
+#include <kx/velmor/candidate.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace kx::velmor {
+
+const char* ToString(Role role) noexcept
+{
+    switch (role)
+    {
+        case Role::Stopped:
+            return "stopped";
+        case Role::Joining:
+            return "joining";
+        case Role::Follower:
+            return "follower";
+        case Role::NextLeader:
+            return "next leader";
+        case Role::Leader:
+            return "leader";
+    }
+    return "?";
+}
+
+const char* ToString(LossReason reason) noexcept
+{
+    switch (reason)
+    {
+        case LossReason::Left:
+            return "left";
+        case LossReason::SessionExpired:
+            return "session expired";
+        case LossReason::NodeDeleted:
+            return "node deleted";
+        case LossReason::LeaseRanOut:
+            return "lease ran out";
+        case LossReason::Displaced:
+            return "displaced";
+    }
+    return "?";
+}
+
+Leadership::Leadership(std::shared_ptr<CandidateCore> core, std::uint64_t stay, std::int64_t epoch)
+    : core_(std::move(core)), stay_(stay), epoch_(epoch)
+{}
+
+bool Leadership::Stands() const noexcept
+{
+    return core_->Stands(stay_);
+}
+
+GuardedWrite Leadership::Write(const std::vector<Operation>& operations) const
+{
+    return core_->Write(stay_, operations);
+}
+
+Candidate::Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions options)
+    : core_(std::make_shared<CandidateCore>(std::move(session), std::move(options)))
+{}
+
+Candidate::~Candidate()
+{
+    core_->Stop();
+    core_->ShutDown();
+}
+
+void Candidate::Start()
+{
+    core_->Start();
+}
+
+void Candidate::Stop()
+{
+    core_->Stop();
+}
+
+bool Candidate::IsLeader() const noexcept
+{
+    return core_->IsLeader();
+}
+
+std::chrono::milliseconds Candidate::LeaseLeft() const noexcept
+{
+    return std::chrono::floor<std::chrono::milliseconds>(std::max(core_->LeaseLeft(), BootClock::duration::zero()));
+}
+
+std::optional<Leadership> Candidate::CurrentLeadership() const
+{
+    return core_->CurrentLeadership();
+}
+
+Role Candidate::CurrentRole() const
+{
+    return core_->CurrentRole();
+}
+
+bool Candidate::WaitForRole(Role role, std::chrono::milliseconds timeout) const
+{
+    return core_->WaitForRole(role, timeout);
+}
+
+Role Candidate::WaitForChange(Role from, std::chrono::milliseconds timeout) const
+{
+    return core_->WaitForChange(from, timeout);
+}
+
+std::string Candidate::NodeName() const
+{
+    return core_->NodeName();
+}
+
+const std::string& Candidate::Identity() const noexcept
+{
+    return core_->Identity();
+}
+
+std::string Candidate::Error() const
+{
+    return core_->Error();
+}
+
+}  // namespace kx::velmor

@@ -1,0 +1,434 @@
+// Roles: what the candidate is, who is told, and when it ends. What blocks is in candidate_worker.cpp.
+
+#include "source/candidate_core.h"
+
+#include "source/candidate_log.h"
+
+#include <kx/velmor/error.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+namespace kx::velmor {
+
+namespace {
+
+using logging::LogLevel;
+using std::chrono::milliseconds;
+
+/// The clock of waits stands still while the machine sleeps, unlike that of leases: look at the latter this often.
+constexpr milliseconds kLongestNap{200};
+
+constexpr std::size_t kMostIdentityBytes = 1024;
+
+std::string DefaultIdentity()
+{
+    char host[256] = {};
+    if (gethostname(host, sizeof(host) - 1) != 0)
+    {
+        host[0] = '?';
+    }
+    return std::string(host) + ":" + std::to_string(getpid());
+}
+
+Signature MakeSignature(const std::string& identity)
+{
+    std::random_device random;
+    const std::int64_t instance = static_cast<std::int64_t>((std::uint64_t{random()} << 32) | random());
+    return {SessionText(instance), identity.empty() ? DefaultIdentity() : identity};
+}
+
+CandidateOptions Checked(CandidateOptions options)
+{
+    if (options.firstRejoinDelay <= milliseconds(0) || options.mostRejoinDelay < options.firstRejoinDelay)
+    {
+        throw VelmorError("A candidate's rejoin delays must be positive, and the most not below the first");
+    }
+    if (options.identity.size() > kMostIdentityBytes)
+    {
+        throw VelmorError("A candidate's identity has more than 1024 bytes");
+    }
+    return options;
+}
+
+}  // namespace
+
+const std::shared_ptr<const logging::Source>& ElectionLog()
+{
+    // Never destroyed: a candidate's threads may outlive static objects.
+    static const auto& source =
+        *new std::shared_ptr<const logging::Source>(std::make_shared<const logging::Source>("velmor.election"));
+    return source;
+}
+
+CandidateCore::Access::Access(CandidateCore& core) : core_(core)
+{
+    core_.mutex_.Lock();
+}
+
+CandidateCore::Access::~Access()
+{
+    std::vector<LogLine> lines;
+    lines.swap(core_.log_);
+    core_.mutex_.Unlock();
+    for (const LogLine& line : lines)
+    {
+        KX_LOG(line.level, ElectionLog()) << line.text;
+    }
+}
+
+CandidateCore::CandidateCore(std::shared_ptr<ElectionSession> session, CandidateOptions options)
+    : session_(std::move(session)),
+      options_(Checked(std::move(options))),
+      signature_(MakeSignature(options_.identity)),
+      rejoining_(options_.firstRejoinDelay, options_.mostRejoinDelay)
+{}
+
+void CandidateCore::Start()
+{
+    const Access access(*this);
+    if (wanted_)
+    {
+        return;
+    }
+    error_.clear();
+    try
+    {
+        electionPath_ = ElectionPath(options_.electionPath);
+    }
+    catch (const VelmorError& error)
+    {
+        Fail(error.what());
+        return;
+    }
+    StartThreads();
+    wanted_ = true;
+    SetRole(Role::Joining, LossReason::Left);
+}
+
+void CandidateCore::StartThreads()
+{
+    if (!tellerStarted_)
+    {
+        teller_.Start([self = shared_from_this()] { self->teller_.Run([&self] { return self->KeepWatch(); }); });
+        tellerStarted_ = true;
+    }
+    if (!worker_.joinable())
+    {
+        worker_ = std::thread([self = shared_from_this()] { self->Work(); });
+    }
+}
+
+void CandidateCore::Stop()
+{
+    {
+        const Access access(*this);
+        if (!tellerStarted_)
+        {
+            return;
+        }
+        NoticeLapse();
+        wanted_ = false;
+        EndStay(LossReason::Left);
+        SetRole(Role::Stopped, LossReason::Left);
+        WakeWorker();
+    }
+    if (teller_.OnThread())
+    {
+        return;
+    }
+    {
+        const MutexLock lock(mutex_);
+        while (busy_ && !leavingLate_ && !wanted_)
+        {
+            changed_.Wait(mutex_);
+        }
+    }
+    teller_.AwaitSilence();
+}
+
+void CandidateCore::ShutDown()
+{
+    std::thread worker;
+    bool workerBusy = false;
+    {
+        const MutexLock lock(mutex_);
+        shutDown_ = true;
+        changed_.NotifyAll();
+        workerBusy = busy_;
+        worker = std::move(worker_);
+    }
+    if (worker.joinable())
+    {
+        // It waits for servers, or for the callback that this is called from.
+        workerBusy ? worker.detach() : worker.join();
+    }
+    teller_.Finish();
+    teller_.Join();
+}
+
+BootClock::duration CandidateCore::LeaseLeft() const noexcept
+{
+    const BootClock::time_point end = lease_.End();
+    return end - session_->Now();
+}
+
+bool CandidateCore::Stands(std::uint64_t stay) const noexcept
+{
+    const BootClock::time_point end = lease_.EndOf(stay);
+    return session_->Now() < end;
+}
+
+std::optional<Leadership> CandidateCore::CurrentLeadership()
+{
+    const Access access(*this);
+    NoticeLapse();
+    if (role_ != Role::Leader)
+    {
+        return std::nullopt;
+    }
+    return Leadership(shared_from_this(), stay_.number, stay_.epoch);
+}
+
+Role CandidateCore::CurrentRole()
+{
+    const Access access(*this);
+    NoticeLapse();
+    return role_;
+}
+
+bool CandidateCore::WaitForRole(Role role, milliseconds timeout)
+{
+    return AwaitRole([role](Role present) { return present == role; }, timeout) == role;
+}
+
+Role CandidateCore::WaitForChange(Role from, milliseconds timeout)
+{
+    return AwaitRole([from](Role present) { return present != from; }, timeout);
+}
+
+template <typename Condition>
+Role CandidateCore::AwaitRole(const Condition& condition, milliseconds timeout)
+{
+    const Clock::time_point end = Clock::now() + timeout;
+    const Access access(*this);
+    for (;;)
+    {
+        NoticeLapse();
+        const Clock::time_point now = Clock::now();
+        if (condition(role_) || now >= end)
+        {
+            return role_;
+        }
+        changed_.WaitUntil(mutex_, role_ == Role::Leader ? std::min(end, now + kLongestNap) : end);
+    }
+}
+
+std::string CandidateCore::NodeName() const
+{
+    const MutexLock lock(mutex_);
+    return stay_.over ? std::string() : stay_.node;
+}
+
+std::string CandidateCore::Error() const
+{
+    const MutexLock lock(mutex_);
+    return error_;
+}
+
+void CandidateCore::SetRole(Role to, LossReason reason)
+{
+    const Role from = role_;
+    if (from == to)
+    {
+        return;
+    }
+    std::string text = std::string("Candidate ") + ToString(from) + " -> " + ToString(to) + ": " + signature_.identity +
+                       ", " + electionPath_ + "/" + stay_.node;
+    if (to == Role::Leader)
+    {
+        text += ", epoch " + std::to_string(stay_.epoch);
+    }
+    if (from == Role::Leader)
+    {
+        text += std::string(", ") + ToString(reason);
+    }
+    Log(LogLevel::Info, text);
+
+    role_ = to;
+    changed_.NotifyAll();
+    if (from == Role::Leader && options_.onLeaderLost)
+    {
+        teller_.Tell([this, reason] { options_.onLeaderLost(reason); });
+    }
+    if (from == Role::NextLeader && options_.onNextLeaderLost)
+    {
+        teller_.Tell([this] { options_.onNextLeaderLost(); });
+    }
+    if (options_.onRoleChange)
+    {
+        teller_.Tell([this, to] { options_.onRoleChange(to); });
+    }
+    if (to == Role::NextLeader && options_.onNextLeader)
+    {
+        teller_.Tell([this] { options_.onNextLeader(); });
+    }
+    if (to == Role::Leader && options_.onLeader)
+    {
+        teller_.Tell([this, leadership = Leadership(shared_from_this(), stay_.number, stay_.epoch)] {
+            options_.onLeader(leadership);
+        });
+    }
+}
+
+Role CandidateCore::RoleInQueue() const
+{
+    if (stay_.first)
+    {
+        return role_;
+    }
+    return stay_.second ? Role::NextLeader : Role::Follower;
+}
+
+void CandidateCore::EndStay(LossReason reason)
+{
+    if (stay_.number == 0 || stay_.over)
+    {
+        return;
+    }
+    stay_.over = reason;
+    lease_.Revoke();
+    if (wanted_ && stay_.joined && !options_.rejoin)
+    {
+        wanted_ = false;
+        error_ = std::string("Out of the queue: ") + ToString(reason);
+    }
+    SetRole(wanted_ ? Role::Joining : Role::Stopped, reason);
+    WakeWorker();
+}
+
+void CandidateCore::NoticeLapse()
+{
+    if (role_ == Role::Leader && !IsLeader())
+    {
+        EndStay(LossReason::LeaseRanOut);
+    }
+}
+
+void CandidateCore::Fail(const std::string& error)
+{
+    Log(LogLevel::Error, "Candidate " + signature_.identity + " of " + options_.electionPath + " gives up: " + error);
+    error_ = error;
+    wanted_ = false;
+    EndStay(LossReason::Left);
+    SetRole(Role::Stopped, LossReason::Left);
+}
+
+void CandidateCore::Log(LogLevel level, const std::string& text)
+{
+    log_.push_back({level, text});
+}
+
+milliseconds CandidateCore::KeepWatch()
+{
+    const Access access(*this);
+    NoticeLapse();
+    if (role_ != Role::Leader)
+    {
+        return std::chrono::hours(1);
+    }
+    const milliseconds left = std::chrono::ceil<milliseconds>(LeaseLeft());
+    return std::clamp(left, milliseconds(0), kLongestNap);
+}
+
+void CandidateCore::OnSession()
+{
+    // What is known now, rather than what was told: calls may come late, of states before this stay.
+    const SessionStatus status = session_->Status();
+    const Access access(*this);
+    if (stay_.number != 0 && (status.sessionId != stay_.session || status.state == SessionState::Expired ||
+                              status.state == SessionState::Closed))
+    {
+        NoticeLapse();
+        EndStay(LossReason::SessionExpired);
+    }
+    WakeWorker();
+}
+
+void CandidateCore::OnFirst(std::uint64_t stay)
+{
+    const Access access(*this);
+    if (stay_.number != stay || stay_.over)
+    {
+        return;
+    }
+    stay_.first = true;
+    stay_.second = false;
+    WakeWorker();
+}
+
+void CandidateCore::OnSecond(std::uint64_t stay)
+{
+    const Access access(*this);
+    if (stay_.number != stay || stay_.over || stay_.led)
+    {
+        return;
+    }
+    stay_.first = false;
+    stay_.second = true;
+    if (stay_.joined)
+    {
+        SetRole(RoleInQueue(), LossReason::Displaced);
+    }
+}
+
+void CandidateCore::OnNews(std::uint64_t stay)
+{
+    const Access access(*this);
+    if (stay_.number == stay)
+    {
+        stay_.news = true;
+        WakeWorker();
+    }
+}
+
+GuardedWrite CandidateCore::Write(std::uint64_t stay, const std::vector<Operation>& operations)
+{
+    constexpr std::size_t kGuards = 2;
+    std::vector<Operation> guarded;
+    {
+        const Access access(*this);
+        NoticeLapse();
+        if (stay_.number != stay || stay_.over)
+        {
+            return {GuardedWrite::Outcome::NotLeading};
+        }
+        guarded = {Operation::Check(stay_.path), Operation::Check(stay_.identityPath)};
+    }
+    guarded.insert(guarded.end(), operations.begin(), operations.end());
+
+    TransactionResult result;
+    const int rc = session_->Transact(guarded, result);
+    if (rc == ZOK)
+    {
+        result.created.erase(result.created.begin(), result.created.begin() + kGuards);
+        return {GuardedWrite::Outcome::Applied, 0, ZOK, std::string(), std::move(result.created)};
+    }
+    if (result.refused && *result.refused < kGuards)
+    {
+        OnNews(stay);
+        return {GuardedWrite::Outcome::NotLeading};
+    }
+    if (result.refused)
+    {
+        return {GuardedWrite::Outcome::Refused, *result.refused - kGuards, rc, zerror(rc)};
+    }
+    // Refused before it was sent.
+    const bool unsent = rc == ZBADARGUMENTS;
+    return {unsent ? GuardedWrite::Outcome::Refused : GuardedWrite::Outcome::Unknown, 0, rc, zerror(rc)};
+}
+
+}  // namespace kx::velmor

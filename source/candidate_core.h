@@ -1,0 +1,202 @@
+#pragma once
+
+#include "source/backoff.h"
+#include "source/lease.h"
+#include "source/queue_place.h"
+#include "source/sync.h"
+#include "source/teller.h"
+
+#include <kx/logging/logger.h>
+#include <kx/velmor/candidate.h>
+#include <kx/velmor/election_session.h>
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kx::velmor {
+
+/// What `Candidate` is made of. It outlives the `Candidate` for as long as one of its threads runs, or a `Leadership`
+/// refers to it.
+///
+/// The worker thread does everything that blocks: it joins, claims the lead, looks after its place, and leaves. The
+/// teller runs the user's callbacks and ends a leadership whose lease has run out. What the session's event thread has
+/// to say is noted in the present stay, under its number, and drawn upon by the worker.
+///
+/// No lock is held while the session, a callback or the log is called. `mutex_` comes before the locks of the lease and
+/// of the teller.
+class CandidateCore final : public std::enable_shared_from_this<CandidateCore>
+{
+public:
+    CandidateCore(std::shared_ptr<ElectionSession> session, CandidateOptions options);
+    ~CandidateCore() = default;
+    CandidateCore(const CandidateCore&) = delete;
+    CandidateCore& operator=(const CandidateCore&) = delete;
+
+    // See `Candidate`.
+
+    void Start();
+    void Stop();
+    bool IsLeader() const noexcept { return LeaseLeft() > BootClock::duration::zero(); }
+    /// Not positive when it does not lead.
+    BootClock::duration LeaseLeft() const noexcept;
+    std::optional<Leadership> CurrentLeadership();
+    Role CurrentRole();
+    bool WaitForRole(Role role, std::chrono::milliseconds timeout);
+    Role WaitForChange(Role from, std::chrono::milliseconds timeout);
+    std::string NodeName() const;
+    const std::string& Identity() const noexcept { return signature_.identity; }
+    std::string Error() const;
+
+    /// Ends the threads, on which it may be called. After `Stop`, once.
+    void ShutDown();
+
+    // See `Leadership`.
+
+    bool Stands(std::uint64_t stay) const noexcept;
+    GuardedWrite Write(std::uint64_t stay, const std::vector<Operation>& operations);
+
+private:
+    /// One place in the queue, from before joining until after leaving.
+    struct Stay
+    {
+        /// Counts up; 0 while there is none.
+        std::uint64_t number = 0;
+        std::int64_t session = 0;
+
+        // What the queue says.
+
+        bool first = false;
+        bool second = false;
+        /// Something has changed since the worker looked.
+        bool news = false;
+
+        // What the worker has made.
+
+        bool joined = false;
+        bool led = false;
+        std::string node{};
+        std::string path{};
+        std::string identityPath{};
+        std::int64_t epoch = 0;
+
+        /// Set once it is to be left.
+        std::optional<LossReason> over{};
+    };
+
+    /// Holds `mutex_`, and writes what there is to log when it has let go of it.
+    class KX_SCOPED_CAPABILITY Access
+    {
+    public:
+        explicit Access(CandidateCore& core) KX_ACQUIRE(core.mutex_);
+        ~Access() KX_RELEASE();
+        Access(const Access&) = delete;
+        Access& operator=(const Access&) = delete;
+
+    private:
+        CandidateCore& core_;
+    };
+    struct LogLine
+    {
+        logging::LogLevel level;
+        std::string text;
+    };
+
+    // Roles: candidate_core.cpp
+
+    void StartThreads() KX_REQUIRES(mutex_);
+    /// Takes on a role, and has its callbacks run.
+    void SetRole(Role to, LossReason reason) KX_REQUIRES(mutex_);
+    /// The role by what the queue says; unchanged while the lead is not claimed.
+    Role RoleInQueue() const KX_REQUIRES(mutex_);
+    /// Ends the present stay, if it is not over already.
+    void EndStay(LossReason reason) KX_REQUIRES(mutex_);
+    /// Ends it when its lease has run out.
+    void NoticeLapse() KX_REQUIRES(mutex_);
+    /// It stops by itself.
+    void Fail(const std::string& error) KX_REQUIRES(mutex_);
+    void Log(logging::LogLevel level, const std::string& text) KX_REQUIRES(mutex_);
+    template <typename Condition>
+    Role AwaitRole(const Condition& condition, std::chrono::milliseconds timeout);
+    /// What the teller looks after.
+    std::chrono::milliseconds KeepWatch();
+    void OnSession();
+    void OnFirst(std::uint64_t stay);
+    void OnSecond(std::uint64_t stay);
+    void OnNews(std::uint64_t stay);
+
+    // The worker: candidate_worker.cpp
+
+    enum class Duty
+    {
+        Claim,
+        Look,
+        Leave,
+    };
+
+    void Work();
+    /// Until it stops.
+    void TakePart();
+    /// The session that is connected, once one is; empty when it is to stop.
+    std::optional<std::int64_t> AwaitSession();
+    /// From joining to leaving.
+    void StayInQueue(std::int64_t session);
+    bool Join(QueuePlace& place);
+    void HoldPlace(QueuePlace& place);
+    Duty AwaitDuty(BootClock::time_point claimAt, BootClock::time_point lookAt);
+    /// Returns when to try again, unless there is news before.
+    BootClock::time_point Claim(QueuePlace& place);
+    /// False when the servers were not heard from for so long that it cannot.
+    bool Lead();
+    void Look(QueuePlace& place);
+    void Judge(std::optional<std::size_t> position) KX_REQUIRES(mutex_);
+    void Leave(QueuePlace& place);
+    /// What can never succeed stops the candidate.
+    void Report(const std::string& what, const std::exception& error);
+    /// False when it is to stop.
+    bool Pause(std::chrono::milliseconds delay);
+    /// Waits until woken, or until then.
+    void AwaitNews(BootClock::time_point until) KX_REQUIRES(mutex_);
+    void WakeWorker() KX_REQUIRES(mutex_);
+    std::chrono::milliseconds SessionTimeout() const { return session_->Status().negotiatedTimeout; }
+
+    const std::shared_ptr<ElectionSession> session_;
+    const CandidateOptions options_;
+    const Signature signature_;
+
+    Lease lease_;
+    Teller teller_;
+
+    // Of the worker alone.
+
+    Backoff rejoining_;
+    /// How many looks in a row have found the recipe behind the times.
+    int outdatedLooks_ = 0;
+
+    mutable Mutex mutex_;
+    /// Notified of every change below.
+    CondVar changed_;
+    std::vector<LogLine> log_ KX_GUARDED_BY(mutex_);
+    Role role_ KX_GUARDED_BY(mutex_) = Role::Stopped;
+    std::string error_ KX_GUARDED_BY(mutex_);
+    std::string electionPath_ KX_GUARDED_BY(mutex_);
+    /// Started, and neither stopped nor failed since.
+    bool wanted_ KX_GUARDED_BY(mutex_) = false;
+    /// The worker takes part, or has not left yet.
+    bool busy_ KX_GUARDED_BY(mutex_) = false;
+    /// No server could be told of the leaving: nobody waits for it any longer.
+    bool leavingLate_ KX_GUARDED_BY(mutex_) = false;
+    /// The worker is to look what there is to do.
+    bool awake_ KX_GUARDED_BY(mutex_) = false;
+    bool shutDown_ KX_GUARDED_BY(mutex_) = false;
+    std::uint64_t stays_ KX_GUARDED_BY(mutex_) = 0;
+    Stay stay_ KX_GUARDED_BY(mutex_);
+    bool tellerStarted_ KX_GUARDED_BY(mutex_) = false;
+    std::thread worker_ KX_GUARDED_BY(mutex_);
+};
+
+}  // namespace kx::velmor

@@ -1,0 +1,50 @@
+#include "source/lease.h"
+
+#include <algorithm>
+
+namespace kx::velmor {
+
+bool Lease::Grant(std::uint64_t leadership, std::int64_t session, std::chrono::milliseconds sessionTimeout,
+                  BootClock::time_point lastHeard, BootClock::time_point now)
+{
+    const MutexLock lock(mutex_);
+    end_ = 0;
+    leadership_ = leadership;
+    session_ = session;
+    length_ = Length(sessionTimeout);
+    const BootClock::time_point end = lastHeard + length_;
+    if (end <= now)
+    {
+        return false;
+    }
+    Set(end);
+    return true;
+}
+
+void Lease::Extend(std::int64_t session, BootClock::time_point lastHeard, BootClock::time_point now)
+{
+    const MutexLock lock(mutex_);
+    if (session == session_ && now < End())
+    {
+        Set(std::max(End(), lastHeard + length_));
+    }
+}
+
+void Lease::Revoke()
+{
+    const MutexLock lock(mutex_);
+    end_ = 0;
+}
+
+BootClock::time_point Lease::EndOf(std::uint64_t leadership) const noexcept
+{
+    if (leadership_ != leadership)
+    {
+        return BootClock::time_point();
+    }
+    const BootClock::time_point end = End();
+    // Another leadership's lease may have begun in between.
+    return leadership_ == leadership ? end : BootClock::time_point();
+}
+
+}  // namespace kx::velmor

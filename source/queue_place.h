@@ -1,0 +1,110 @@
+#pragma once
+
+#include "source/bound_connection.h"
+#include "source/candidate_impl.h"
+#include "source/election_nodes.h"
+
+#include <kx/velmor/election_session.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kx::velmor {
+
+/// One place in the queue of an election, in one session: the recipe's node, the identity beside it, and the claim to
+/// the lead while it leads.
+///
+/// The order of the queue alone does not keep two from leading: whoever deletes a leader's node promotes the next one
+/// before the leader knows. Hence the claim. It is made by who is first in the queue, all in one with the look whether
+/// it still is in the queue; it goes with the session, or when its owner has stopped leading, and until then whoever
+/// else is first waits.
+///
+/// Blocks for round trips; throws `ZooError` for what a server refuses or does not answer. Used by one thread.
+class QueuePlace
+{
+public:
+    /// What the queue and the nodes have to tell; on the session's event thread, or in `Join`.
+    struct Events
+    {
+        /// The recipe has found the node first, or second. May come repeatedly.
+        std::function<void()> first;
+        std::function<void()> second;
+        /// One of the nodes has changed: it is time to `Look`, or to `Claim`.
+        std::function<void()> news;
+    };
+
+    enum class Claim
+    {
+        Made,
+        /// Another one's still stands. `Events::news` says when it has changed.
+        Taken,
+        /// Our nodes are not there any more.
+        Gone,
+        /// There has been a leadership with a greater epoch: this place is too old to lead.
+        Outdated,
+    };
+
+    QueuePlace(std::shared_ptr<ElectionSession> session, std::string electionPath, std::int64_t sessionId,
+               Signature signature, Events events);
+
+    /// Leaves nothing behind but what `Leave` would have taken back.
+    ~QueuePlace();
+    QueuePlace(const QueuePlace&) = delete;
+    QueuePlace& operator=(const QueuePlace&) = delete;
+
+    /// Takes a place at the end of the queue. When it throws, part of it may be there, and `Leave` takes it back.
+    /// Throws `VelmorError` of other kinds, too.
+    void Join();
+
+    Claim TryToClaim();
+
+    /// The index in the queue now, 0 for the first; empty when the node is gone.
+    std::optional<std::size_t> Look();
+
+    /// Takes everything back, the claim first. What went with its session is gone already, and costs no round trip.
+    /// When it throws, call it again.
+    void Leave();
+
+    // Known after `Join`.
+    const std::string& Node() const { return node_; }
+    const std::string& Path() const { return path_; }
+    const std::string& IdentityPath() const { return identityPath_; }
+    /// The transaction that created the node.
+    std::int64_t Epoch() const { return epoch_; }
+
+private:
+    void RefuseCompany() const;
+    void WatchNode();
+    void MakeIdentity();
+    Claim LookAtClaim();
+    bool OurClaim() const;
+    void ReleaseClaim();
+    void DeleteOwnNodes() const;
+
+    const std::shared_ptr<ElectionSession> session_;
+    const std::shared_ptr<BoundConnection> connection_;
+    const std::string electionPath_;
+    const std::int64_t sessionId_;
+    const std::string signature_;
+    const std::string instance_;
+    const Events events_;
+
+    std::shared_ptr<CandidateImpl> recipe_;
+    std::string node_;
+    std::string path_;
+    std::string identityPath_;
+    std::int64_t epoch_ = 0;
+    bool hasIdentity_ = false;
+    bool mayHaveClaim_ = false;
+    Connection::WatchHandle nodeWatch_;
+    Connection::WatchHandle claimWatch_;
+    /// Cleared by the watch itself, on the event thread.
+    std::shared_ptr<std::atomic<bool>> watchingNode_;
+};
+
+}  // namespace kx::velmor

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <limits>
 #include <thread>
 #include <utility>
@@ -27,6 +28,68 @@ bool FromServer(int rc)
 {
     return rc == ZOK || (rc < ZAPIERROR && rc != ZSESSIONEXPIRED && rc != ZAUTHFAILED && rc != ZCLOSING &&
                          rc != ZNOTHING && rc != ZSESSIONMOVED);
+}
+
+int Flags(NodeMode mode)
+{
+    switch (mode)
+    {
+        case NodeMode::Persistent:
+            return 0;
+        case NodeMode::Ephemeral:
+            return ZOO_EPHEMERAL;
+        case NodeMode::PersistentSequential:
+            return ZOO_SEQUENCE;
+        case NodeMode::EphemeralSequential:
+            return ZOO_EPHEMERAL | ZOO_SEQUENCE;
+    }
+    return 0;
+}
+
+/// Room for the path of the node that an operation creates.
+std::vector<char> Room(const Operation& operation)
+{
+    // A sequence number has ten digits, or eleven characters once its counter has overflowed; then the final zero.
+    constexpr std::size_t kBehindPath = 11 + 1;
+    const bool creates = operation.kind == Operation::Kind::Create;
+    return std::vector<char>(creates ? operation.path.size() + kBehindPath : 0);
+}
+
+/// Refers to all that it is given.
+zoo_op_t Step(const Operation& operation, const ACL_vector& acl, std::vector<char>& created)
+{
+    const char* const path = operation.path.c_str();
+    const int size = static_cast<int>(operation.data.size());
+    zoo_op_t step{};
+    switch (operation.kind)
+    {
+        case Operation::Kind::Create:
+            zoo_create_op_init(&step, path, operation.data.data(), size, &acl, Flags(operation.mode), created.data(),
+                               static_cast<int>(created.size()));
+            break;
+        case Operation::Kind::Set:
+            zoo_set_op_init(&step, path, operation.data.data(), size, operation.version, nullptr);
+            break;
+        case Operation::Kind::Delete:
+            zoo_delete_op_init(&step, path, operation.version);
+            break;
+        case Operation::Kind::Check:
+            zoo_check_op_init(&step, path, operation.version);
+            break;
+    }
+    return step;
+}
+
+/// The operation for which a server refused a transaction with `rc`; empty when it did not. Then the operations before
+/// it have no error, and those behind it have one that says that they were not looked at. When there is no answer, the
+/// library gives all of them the same code.
+std::optional<std::size_t> Refused(int rc, const std::vector<zoo_op_result_t>& results)
+{
+    const auto first = std::find_if(results.begin(), results.end(), [](const auto& result) { return result.err != 0; });
+    const bool told =
+        first != results.end() && first->err == rc && (FromServer(rc) || rc == ZBADARGUMENTS) &&
+        std::all_of(first + 1, results.end(), [](const auto& result) { return result.err == ZRUNTIMEINCONSISTENCY; });
+    return told ? std::optional<std::size_t>(first - results.begin()) : std::nullopt;
 }
 
 /// The server that a handle is connected to, as "address:port"; empty when it cannot be told.
@@ -79,7 +142,7 @@ ClientHandle::~ClientHandle()
 
 template <typename Function>
 int ClientHandle::Submit(Kind kind, const std::shared_ptr<Request>& request, Function&& function,
-                         std::string watchedPath)
+                         std::string watchedPath, Outcomes outcomes)
 {
     if (closing_)
     {
@@ -90,7 +153,7 @@ int ClientHandle::Submit(Kind kind, const std::shared_ptr<Request>& request, Fun
     {
         return ZCLOSING;
     }
-    auto owned = std::make_unique<Call>(Call{this, request, std::move(watchedPath), {}});
+    auto owned = std::make_unique<Call>(Call{this, request, std::move(watchedPath), {}, std::move(outcomes)});
     if (kind == Kind::Write)
     {
         owned->asked = BootClock::now();
@@ -126,6 +189,13 @@ int ClientHandle::GetChildren(const std::shared_ptr<Request>& request, const std
 {
     return Submit(Kind::Read, request, [&](zhandle_t* zh, const void* call) {
         return zoo_aget_children(zh, path.c_str(), 0, &ClientHandle::OnStrings, call);
+    });
+}
+
+int ClientHandle::GetData(const std::shared_ptr<Request>& request, const std::string& path)
+{
+    return Submit(Kind::Read, request, [&](zhandle_t* zh, const void* call) {
+        return zoo_aget(zh, path.c_str(), 0, &ClientHandle::OnData, call);
     });
 }
 
@@ -165,6 +235,34 @@ int ClientHandle::Delete(const std::shared_ptr<Request>& request, const std::str
     return Submit(Kind::Write, request, [&](zhandle_t* zh, const void* call) {
         return zoo_adelete(zh, path.c_str(), version, &ClientHandle::OnVoid, call);
     });
+}
+
+int ClientHandle::Transact(const std::shared_ptr<Request>& request, const std::vector<Operation>& operations,
+                           const ACL_vector& acl)
+{
+    Outcomes outcomes;
+    std::vector<zoo_op_t> steps;
+    for (const Operation& operation : operations)
+    {
+        outcomes.paths.push_back(Room(operation));
+        // However the lists are moved, the room stays where it is.
+        steps.push_back(Step(operation, acl, outcomes.paths.back()));
+    }
+    // Of the library's own structures only the results outlive the call below.
+    outcomes.results.resize(operations.size());
+    zoo_op_result_t* const results = outcomes.results.data();
+    return Submit(
+        Kind::Write, request,
+        [&](zhandle_t* zh, const void* call) {
+            // Otherwise the library would lose the memory of what it cannot queue.
+            if (is_unrecoverable(zh) != ZOK)
+            {
+                return static_cast<int>(ZINVALIDSTATE);
+            }
+            return zoo_amulti(zh, static_cast<int>(steps.size()), steps.data(), results, &ClientHandle::OnOutcomes,
+                              call);
+        },
+        {}, std::move(outcomes));
 }
 
 int ClientHandle::Sync(const std::shared_ptr<Request>& request, const std::string& path)
@@ -302,7 +400,7 @@ void ClientHandle::OnAnswer(int rc, const void* data, const std::function<void(R
     {
         self.events_.OnHeard(self.generation_, *call->asked);
     }
-    const bool awaited = call->request->Finish(rc, rc == ZOK ? store : nullptr);
+    const bool awaited = call->request->Finish(rc, store);
     if (!awaited && !call->watchedPath.empty() && (rc == ZOK || rc == ZNONODE))
     {
         self.events_.OnLateWatch(self.generation_, call->watchedPath);
@@ -331,6 +429,37 @@ void ClientHandle::OnStat(int rc, const Stat* stat, const void* data) noexcept
         if (stat != nullptr)
         {
             request.stat = *stat;
+        }
+    });
+}
+
+void ClientHandle::OnData(int rc, const char* value, int length, const Stat* stat, const void* data) noexcept
+{
+    OnAnswer(rc, data, [&](Request& request) {
+        // A node that was made without data has a length of -1.
+        if (value != nullptr && length > 0)
+        {
+            request.data.assign(value, static_cast<std::size_t>(length));
+        }
+        if (stat != nullptr)
+        {
+            request.stat = *stat;
+        }
+    });
+}
+
+void ClientHandle::OnOutcomes(int rc, const void* data) noexcept
+{
+    const Outcomes& outcomes = static_cast<const Call*>(data)->outcomes;
+    OnAnswer(rc, data, [&](Request& request) {
+        if (rc != ZOK)
+        {
+            request.refused = Refused(rc, outcomes.results);
+            return;
+        }
+        for (const std::vector<char>& path : outcomes.paths)
+        {
+            request.createdPaths.emplace_back(path.empty() ? "" : path.data());
         }
     });
 }

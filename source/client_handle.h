@@ -4,6 +4,7 @@
 #include "source/sync.h"
 
 #include <kx/velmor/boot_clock.h>
+#include <kx/velmor/transaction.h>
 
 #include <sys/types.h>
 #include <zookeeper/zookeeper.h>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace kx::velmor {
 
@@ -74,11 +76,15 @@ public:
     int Create(const std::shared_ptr<Request>& request, const std::string& path, const std::string& data,
                const ACL_vector& acl, int flags);
     int GetChildren(const std::shared_ptr<Request>& request, const std::string& path);
+    int GetData(const std::shared_ptr<Request>& request, const std::string& path);
     int Exists(const std::shared_ptr<Request>& request, const std::string& path);
     int WatchExists(const std::shared_ptr<Request>& request, const std::string& path);
     int Delete(const std::shared_ptr<Request>& request, const std::string& path);
     /// A write that changes nothing: a majority of the servers has to agree on that, too.
     int DeleteNothing(const std::shared_ptr<Request>& request);
+    /// All or nothing. Nodes get `acl`. Paths must be valid: the client library would lose memory over one that is not.
+    int Transact(const std::shared_ptr<Request>& request, const std::vector<Operation>& operations,
+                 const ACL_vector& acl);
     /// Makes reads submitted later on this connection see all that was written before.
     int Sync(const std::shared_ptr<Request>& request, const std::string& path);
 
@@ -93,6 +99,13 @@ public:
     void Close(int rc);
 
 private:
+    /// Where the client library writes what became of the operations of a transaction, before it gives the answer.
+    struct Outcomes
+    {
+        std::vector<zoo_op_result_t> results;
+        /// Room for the paths of created nodes; empty for other operations.
+        std::vector<std::vector<char>> paths;
+    };
     /// What the client library gets as the context of a call.
     struct Call
     {
@@ -101,6 +114,8 @@ private:
         std::string watchedPath;
         /// Of a write, when it was handed over.
         std::optional<BootClock::time_point> asked;
+        /// Of a transaction. Stays where it is until the answer.
+        Outcomes outcomes;
     };
     enum class Kind
     {
@@ -111,11 +126,12 @@ private:
     ClientHandle(std::uint64_t generation, std::string credentials, ClientEvents& events);
 
     template <typename Function>
-    int Submit(Kind kind, const std::shared_ptr<Request>& request, Function&& function, std::string watchedPath = {});
+    int Submit(Kind kind, const std::shared_ptr<Request>& request, Function&& function, std::string watchedPath = {},
+               Outcomes outcomes = {});
     int Delete(const std::shared_ptr<Request>& request, const std::string& path, int version);
     /// Takes a call over from the library.
     std::unique_ptr<Call> Take(const void* data);
-    /// What the trampolines of all answers come to. `store` is called with `ZOK` only.
+    /// What the trampolines of all answers come to.
     static void OnAnswer(int rc, const void* data, const std::function<void(Request&)>& store);
     /// False when there is no connection any more over which to show them.
     bool ShowCredentials(zhandle_t* zh);
@@ -129,6 +145,8 @@ private:
     static void OnString(int rc, const char* value, const void* data) noexcept;
     static void OnStrings(int rc, const String_vector* strings, const void* data) noexcept;
     static void OnStat(int rc, const Stat* stat, const void* data) noexcept;
+    static void OnData(int rc, const char* value, int length, const Stat* stat, const void* data) noexcept;
+    static void OnOutcomes(int rc, const void* data) noexcept;
     static void OnVoid(int rc, const void* data) noexcept;
 
     const std::uint64_t generation_;

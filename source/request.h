@@ -4,7 +4,9 @@
 
 #include <zookeeper/zookeeper.h>
 
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,12 @@ public:
     std::string createdPath;
     Stat stat{};
     std::vector<std::string> children;
+    std::string data;
+    /// One per operation of a transaction; empty for those that create nothing.
+    std::vector<std::string> createdPaths;
+
+    /// Of a transaction that was refused: for which operation. Valid after `Await` returned an answer's code.
+    std::optional<std::size_t> refused;
 
 private:
     enum class Phase

@@ -24,17 +24,42 @@ bool CanBeSent(const std::string& path)
     return !path.empty() && path.front() == '/' && path.find('\0') == std::string::npos;
 }
 
-/// The size of a creation on the wire, where every string and list has its length in front.
-std::size_t RequestBytes(const std::string& path, const std::string& data, const ACL_vector& acl)
+// Sizes on the wire, where every string and list has its length in front.
+
+constexpr std::size_t kNumber = 4;
+constexpr std::size_t kHeader = 2 * kNumber;
+
+std::size_t AclBytes(const ACL_vector& acl)
 {
-    constexpr std::size_t kNumber = 4;
-    constexpr std::size_t kHeader = 2 * kNumber;
-    std::size_t bytes = kHeader + kNumber + path.size() + kNumber + data.size() + kNumber + kNumber;
+    std::size_t bytes = kNumber;
     for (int entry = 0; entry < acl.count; ++entry)
     {
         const ACL& right = acl.data[entry];
         bytes += kNumber + kNumber + std::char_traits<char>::length(right.id.scheme) + kNumber +
                  std::char_traits<char>::length(right.id.id);
+    }
+    return bytes;
+}
+
+/// Of a creation.
+std::size_t RequestBytes(const std::string& path, const std::string& data, const ACL_vector& acl)
+{
+    return kHeader + kNumber + path.size() + kNumber + data.size() + AclBytes(acl) + kNumber;
+}
+
+/// Of a transaction.
+std::size_t RequestBytes(const std::vector<Operation>& operations, const ACL_vector& acl)
+{
+    // Kind, end mark and code, in front of each operation and behind the last.
+    constexpr std::size_t kSeparator = kNumber + 1 + kNumber;
+    std::size_t bytes = kHeader + kSeparator;
+    for (const Operation& operation : operations)
+    {
+        bytes += kSeparator + kNumber + operation.path.size() + kNumber;
+        bytes += operation.kind == Operation::Kind::Set || operation.kind == Operation::Kind::Create
+                     ? kNumber + operation.data.size()
+                     : 0;
+        bytes += operation.kind == Operation::Kind::Create ? AclBytes(acl) : 0;
     }
     return bytes;
 }
@@ -48,6 +73,37 @@ bool TooLarge(std::size_t bytes, const std::string& path)
     constexpr std::size_t kMostShown = 100;
     KX_LOG(LogLevel::Error, SessionLog()) << "A request of " << bytes << " bytes was not sent, since servers take "
                                           << kMostRequestBytes << ": " << path.substr(0, kMostShown);
+    return true;
+}
+
+bool IsSequential(const Operation& operation)
+{
+    return operation.kind == Operation::Kind::Create &&
+           (operation.mode == NodeMode::PersistentSequential || operation.mode == NodeMode::EphemeralSequential);
+}
+
+/// Whether a node can have this path, or what a sequence number makes of it.
+bool CanNameANode(const std::string& path, bool sequential)
+{
+    if (!CanBeSent(path) || std::any_of(path.begin(), path.end(), [](char c) { return c >= '\x01' && c <= '\x1f'; }))
+    {
+        return false;
+    }
+    if (path == "/")
+    {
+        return true;
+    }
+    for (std::size_t begin = 1; begin <= path.size();)
+    {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string component = path.substr(begin, end - begin);
+        const bool completed = sequential && end == path.size();
+        if (!completed && (component.empty() || component == "." || component == ".."))
+        {
+            return false;
+        }
+        begin = end + 1;
+    }
     return true;
 }
 
@@ -66,6 +122,11 @@ int CheckPath(const std::string& path, const std::string& fullPath)
 std::shared_ptr<Session> Session::Open(SessionOptions options)
 {
     return std::shared_ptr<Session>(new Session(SessionCore::Open(std::move(options))));
+}
+
+std::shared_ptr<Session> Session::OpenInBackground(SessionOptions options)
+{
+    return std::shared_ptr<Session>(new Session(SessionCore::OpenInBackground(std::move(options))));
 }
 
 Session::Session(std::shared_ptr<SessionCore> core) : core_(std::move(core)) {}
@@ -90,6 +151,11 @@ Registration Session::OnStateChange(StateListener listener)
     return core_->OnStateChange(std::move(listener));
 }
 
+Registration Session::OnHeard(HeardListener listener)
+{
+    return core_->OnHeard(std::move(listener));
+}
+
 Registration Session::KeepFresh()
 {
     return core_->KeepFresh();
@@ -104,6 +170,12 @@ std::string Session::FullPath(const std::string& path, bool sequential) const
 {
     // "/" names the root itself, except where a sequence number follows.
     return path == "/" && !sequential && !RootPath().empty() ? RootPath() : RootPath() + path;
+}
+
+std::string Session::RelativePath(const std::string& fullPath) const
+{
+    const std::size_t rootSize = std::min(RootPath().size(), fullPath.size());
+    return fullPath.size() == rootSize ? "/" : fullPath.substr(rootSize);
 }
 
 int Session::Create(std::string path, const std::string& data, const ACL_vector& asked, int flags,
@@ -125,8 +197,7 @@ int Session::Create(std::string path, const std::string& data, const ACL_vector&
     {
         return rc;
     }
-    const std::size_t rootSize = std::min(RootPath().size(), created.size());
-    std::string relative = created.size() == rootSize ? "/" : created.substr(rootSize);
+    std::string relative = RelativePath(created);
     if (relative.size() > room)
     {
         // A node whose name its creator cannot know would be left behind.
@@ -143,6 +214,13 @@ int Session::GetChildren(std::string path, std::vector<std::string>& children) c
     const std::string fullPath = FullPath(path, false);
     const int rc = CheckPath(path, fullPath);
     return rc == ZOK ? core_->GetChildren(fullPath, children) : rc;
+}
+
+int Session::GetData(std::string path, std::string& data, Stat* stat) const
+{
+    const std::string fullPath = FullPath(path, false);
+    const int rc = CheckPath(path, fullPath);
+    return rc == ZOK ? core_->GetData(fullPath, data, stat) : rc;
 }
 
 int Session::Exists(std::string path, Stat* stat) const
@@ -174,6 +252,32 @@ int Session::GuaranteedDelete(std::string path) const
     const std::string fullPath = FullPath(path, false);
     const int rc = CheckPath(path, fullPath);
     return rc == ZOK ? core_->GuaranteedDelete(fullPath, core_->Deadline()) : rc;
+}
+
+int Session::Transact(const std::vector<Operation>& operations, TransactionResult& result) const
+{
+    result = {};
+    std::vector<Operation> full = operations;
+    for (Operation& operation : full)
+    {
+        const bool sequential = IsSequential(operation);
+        if (!CanNameANode(operation.path, sequential))
+        {
+            return ZBADARGUMENTS;
+        }
+        operation.path = FullPath(operation.path, sequential);
+    }
+    const ACL_vector acl = core_->Access().InPlaceOf(ZOO_OPEN_ACL_UNSAFE);
+    if (full.empty() || TooLarge(RequestBytes(full, acl), full.front().path))
+    {
+        return ZBADARGUMENTS;
+    }
+    const int rc = core_->Transact(full, acl, result);
+    for (std::string& created : result.created)
+    {
+        created = created.empty() ? std::string() : RelativePath(created);
+    }
+    return rc;
 }
 
 std::unique_ptr<clientid_t> Session::ClientId() const

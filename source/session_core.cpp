@@ -63,18 +63,25 @@ std::string Printed(const std::optional<clientid_t>& identity)
 
 }  // namespace
 
-std::shared_ptr<SessionCore> SessionCore::Open(SessionOptions options)
+std::shared_ptr<SessionCore> SessionCore::OpenInBackground(SessionOptions options)
 {
     std::vector<Server> servers = CheckOptions(options);
-    const Clock::time_point deadline = Clock::now() + options.connectTimeout;
     auto core = std::make_shared<SessionCore>(std::move(options), std::move(servers));
     core->events_.Start([core] { core->RunEventThread(); });
     ClientLog::Attach(core->events_);
+    const MutexLock lock(core->mutex_);
+    core->EnsureKeeper();
+    return core;
+}
 
+std::shared_ptr<SessionCore> SessionCore::Open(SessionOptions options)
+{
+    const Clock::time_point begin = Clock::now();
+    auto core = OpenInBackground(std::move(options));
+    const Clock::time_point deadline = begin + core->options_.connectTimeout;
     bool connected = false;
     {
         const MutexLock lock(core->mutex_);
-        core->EnsureKeeper();
         bool inTime = true;
         while (core->connection_ == 0 && inTime)
         {
@@ -154,6 +161,11 @@ void SessionCore::Close(bool wait)
     {
         events_.Join();
     }
+    if (first)
+    {
+        // Last, since what a listener keeps alive may close the session once more when it goes.
+        heardListeners_.RemoveAll();
+    }
 }
 
 std::unique_ptr<clientid_t> SessionCore::ClientId() const
@@ -173,7 +185,7 @@ SessionStatus SessionCore::StatusNow() const
     return {phase_, sessionId_, negotiatedTimeout_, lastHeard_};
 }
 
-Registration SessionCore::OnStateChange(Session::StateListener callback)
+Registration SessionCore::OnStateChange(ElectionSession::StateListener callback)
 {
     StateListeners::Shared listener;
     {
@@ -190,6 +202,25 @@ Registration SessionCore::OnStateChange(Session::StateListener callback)
         if (const auto self = weak.lock())
         {
             self->listeners_.Remove(listener);
+        }
+    });
+}
+
+Registration SessionCore::OnHeard(ElectionSession::HeardListener callback)
+{
+    HeardListeners::Shared listener;
+    {
+        const MutexLock lock(mutex_);
+        if (phase_ == SessionState::Closed)
+        {
+            return Registration();
+        }
+        listener = heardListeners_.Add(std::move(callback));
+    }
+    return Registration([weak = weak_from_this(), listener] {
+        if (const auto self = weak.lock())
+        {
+            self->heardListeners_.Remove(listener);
         }
     });
 }
@@ -294,12 +325,20 @@ void SessionCore::OnLateWatch(std::uint64_t generation, const std::string& path)
 
 void SessionCore::OnHeard(std::uint64_t generation, BootClock::time_point asked) noexcept
 {
-    const MutexLock lock(mutex_);
-    if (generation != generation_)
+    std::int64_t sessionId = 0;
     {
-        return;
+        const MutexLock lock(mutex_);
+        if (generation != generation_ || (lastHeard_ && asked <= *lastHeard_))
+        {
+            return;
+        }
+        lastHeard_ = asked;
+        sessionId = sessionId_;
     }
-    lastHeard_ = std::max(lastHeard_.value_or(asked), asked);
+    for (const HeardListeners::Shared& listener : *heardListeners_.All())
+    {
+        listener->Tell(sessionId, asked);
+    }
 }
 
 }  // namespace kx::velmor

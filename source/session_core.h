@@ -4,6 +4,7 @@
 #include "source/backoff.h"
 #include "source/client_handle.h"
 #include "source/event_loop.h"
+#include "source/heard_listeners.h"
 #include "source/server_list.h"
 #include "source/state_listeners.h"
 #include "source/sync.h"
@@ -34,6 +35,8 @@ class SessionCore final : private ClientEvents, public std::enable_shared_from_t
 public:
     /// Checks the options, starts, and waits for a first connection. See `Session::Open`.
     static std::shared_ptr<SessionCore> Open(SessionOptions options);
+    /// See `Session::OpenInBackground`.
+    static std::shared_ptr<SessionCore> OpenInBackground(SessionOptions options);
 
     SessionCore(SessionOptions options, std::vector<Server> servers);
     ~SessionCore() = default;
@@ -49,13 +52,16 @@ public:
 
     // See `Session`.
     SessionStatus Status() const;
-    Registration OnStateChange(Session::StateListener callback);
+    Registration OnStateChange(ElectionSession::StateListener callback);
+    Registration OnHeard(ElectionSession::HeardListener callback);
     Registration KeepFresh();
 
     int Create(const std::string& path, const std::string& data, const ACL_vector& acl, int flags,
                std::string& createdPath);
     int GetChildren(const std::string& path, std::vector<std::string>& children);
     int Exists(const std::string& path, Stat* stat);
+    int GetData(const std::string& path, std::string& data, Stat* stat);
+    int Transact(const std::vector<Operation>& operations, const ACL_vector& acl, TransactionResult& result);
     int WatchExists(const std::string& path, const WatchRegistry::State& state, Stat* stat);
     /// Waits until `deadline`, and lets the deletion go on after it.
     int GuaranteedDelete(const std::string& path, Clock::time_point deadline);
@@ -171,6 +177,9 @@ private:
                    const Submission& submit);
     Answer CreateOnce(const std::string& path, const std::string& data, const ACL_vector& acl, int flags,
                       Clock::time_point deadline);
+    Answer TransactOnce(const std::vector<Operation>& operations, const ACL_vector& acl, Clock::time_point deadline);
+    /// Whether a creation of `path` that found no parent is to be repeated once the root is there.
+    bool MissesRoot(const std::string& path) const;
     /// False when there is no room for another watched path.
     bool AddWatch(const std::string& path, const WatchRegistry::State& state);
     Answer ExistsBefore(const std::string& path, Clock::time_point deadline);
@@ -201,6 +210,7 @@ private:
     EventLoop events_;
     WatchRegistry watches_;
     StateListeners listeners_;
+    HeardListeners heardListeners_;
 
     /// The delays between attempts to open a handle. Of the keeper alone.
     Backoff reopening_;

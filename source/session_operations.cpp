@@ -39,8 +39,7 @@ int SessionCore::Create(const std::string& path, const std::string& data, const 
 {
     const Clock::time_point deadline = Deadline();
     Answer answer = CreateOnce(path, data, acl, flags, deadline);
-    const bool belowRoot = path.rfind('/') <= options_.rootPath.size();
-    if (answer.rc == ZNONODE && belowRoot && !options_.rootPath.empty() && options_.createRoot)
+    if (answer.rc == ZNONODE && MissesRoot(path))
     {
         const int rc = CreateRoot(path, deadline);
         if (rc != ZOK)
@@ -62,6 +61,50 @@ SessionCore::Answer SessionCore::CreateOnce(const std::string& path, const std::
     return Call(Kind::Write, path, deadline, [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
         return handle.Create(request, path, data, acl, flags);
     });
+}
+
+int SessionCore::Transact(const std::vector<Operation>& operations, const ACL_vector& acl, TransactionResult& result)
+{
+    const Clock::time_point deadline = Deadline();
+    Answer answer = TransactOnce(operations, acl, deadline);
+    const std::optional<std::size_t> refused = answer.request ? answer.request->refused : std::nullopt;
+    if (answer.rc == ZNONODE && refused)
+    {
+        const Operation& operation = operations[*refused];
+        if (operation.kind == Operation::Kind::Create && MissesRoot(operation.path))
+        {
+            const int rc = CreateRoot(operation.path, deadline);
+            if (rc != ZOK)
+            {
+                result.refused = Answered(rc) ? refused : std::nullopt;
+                return rc;
+            }
+            answer = TransactOnce(operations, acl, deadline);
+        }
+    }
+    if (answer.rc == ZOK)
+    {
+        result.created = std::move(answer.request->createdPaths);
+    }
+    else if (answer.request && Answered(answer.rc))
+    {
+        result.refused = answer.request->refused;
+    }
+    return answer.rc;
+}
+
+SessionCore::Answer SessionCore::TransactOnce(const std::vector<Operation>& operations, const ACL_vector& acl,
+                                              Clock::time_point deadline)
+{
+    return Call(Kind::Write, operations.front().path, deadline,
+                [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
+                    return handle.Transact(request, operations, acl);
+                });
+}
+
+bool SessionCore::MissesRoot(const std::string& path) const
+{
+    return options_.createRoot && !options_.rootPath.empty() && path.rfind('/') <= options_.rootPath.size();
 }
 
 int SessionCore::CreateRoot(const std::string& path, Clock::time_point deadline)
@@ -97,6 +140,22 @@ int SessionCore::Exists(const std::string& path, Stat* stat)
     if (answer.rc == ZOK && stat != nullptr)
     {
         *stat = answer.request->stat;
+    }
+    return answer.rc;
+}
+
+int SessionCore::GetData(const std::string& path, std::string& data, Stat* stat)
+{
+    Answer answer = Call(
+        Kind::Read, path, Deadline(),
+        [&](ClientHandle& handle, const std::shared_ptr<Request>& request) { return handle.GetData(request, path); });
+    if (answer.rc == ZOK)
+    {
+        data = std::move(answer.request->data);
+        if (stat != nullptr)
+        {
+            *stat = answer.request->stat;
+        }
     }
     return answer.rc;
 }

@@ -8,13 +8,13 @@
 
 namespace kx::velmor {
 
-StateListeners::Listener::Listener(Session::StateListener callback)
-    : callback_(std::make_shared<const Session::StateListener>(std::move(callback)))
+StateListeners::Listener::Listener(ElectionSession::StateListener callback)
+    : callback_(std::make_shared<const ElectionSession::StateListener>(std::move(callback)))
 {}
 
 void StateListeners::Listener::Tell(const SessionStatus& status)
 {
-    std::shared_ptr<const Session::StateListener> callback;
+    std::shared_ptr<const ElectionSession::StateListener> callback;
     {
         const MutexLock lock(mutex_);
         callback = status.state == SessionState::Closed ? std::exchange(callback_, nullptr) : callback_;
@@ -39,13 +39,13 @@ void StateListeners::Listener::Tell(const SessionStatus& status)
 
 void StateListeners::Listener::Cancel()
 {
-    std::shared_ptr<const Session::StateListener> callback;
+    std::shared_ptr<const ElectionSession::StateListener> callback;
     const MutexLock lock(mutex_);
     // Destroyed after the lock: its captures may cancel something else.
     callback.swap(callback_);
 }
 
-StateListeners::Shared StateListeners::Add(Session::StateListener callback)
+StateListeners::Shared StateListeners::Add(ElectionSession::StateListener callback)
 {
     auto listener = std::make_shared<Listener>(std::move(callback));
     const MutexLock lock(mutex_);

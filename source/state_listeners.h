@@ -2,7 +2,7 @@
 
 #include "source/sync.h"
 
-#include <kx/velmor/session.h>
+#include <kx/velmor/election_session.h>
 
 #include <memory>
 #include <vector>
@@ -18,7 +18,7 @@ public:
     class Listener
     {
     public:
-        explicit Listener(Session::StateListener callback);
+        explicit Listener(ElectionSession::StateListener callback);
 
         /// Nothing is told once it is cancelled, or once it was told that the session is closed. What the callback
         /// throws is logged.
@@ -30,11 +30,11 @@ public:
     private:
         Mutex mutex_;
         /// Empty once nothing more is told.
-        std::shared_ptr<const Session::StateListener> callback_ KX_GUARDED_BY(mutex_);
+        std::shared_ptr<const ElectionSession::StateListener> callback_ KX_GUARDED_BY(mutex_);
     };
     using Shared = std::shared_ptr<Listener>;
 
-    Shared Add(Session::StateListener callback);
+    Shared Add(ElectionSession::StateListener callback);
     void Remove(const Shared& listener);
 
     /// As of now.

@@ -39,7 +39,10 @@ struct Request
     strings_completion_t onStrings = nullptr;
     stat_completion_t onStat = nullptr;
     void_completion_t onVoid = nullptr;
+    data_completion_t onData = nullptr;
     const void* context = nullptr;
+    /// Of a transaction: where its results go.
+    std::vector<zoo_op_result_t*> results{};
 };
 
 }  // namespace
@@ -93,6 +96,8 @@ const char* Name(Sent sent)
             return "create";
         case Sent::GetChildren:
             return "children";
+        case Sent::GetData:
+            return "data";
         case Sent::Exists:
             return "exists";
         case Sent::WatchExists:
@@ -101,8 +106,81 @@ const char* Name(Sent sent)
             return "delete";
         case Sent::Sync:
             return "sync";
+        case Sent::Transact:
+            return "transact";
     }
     return "?";
+}
+
+std::string Describe(const zoo_op_t& step)
+{
+    const auto version = [](int wanted) { return wanted == -1 ? std::string() : " v" + std::to_string(wanted); };
+    if (step.type == ZOO_DELETE_OP)
+    {
+        return std::string("delete ") + step.delete_op.path + version(step.delete_op.version);
+    }
+    if (step.type == ZOO_CHECK_OP)
+    {
+        return std::string("check ") + step.check_op.path + version(step.check_op.version);
+    }
+    if (step.type == ZOO_SETDATA_OP)
+    {
+        return std::string("set ") + step.set_op.path + "=" +
+               std::string(step.set_op.data, static_cast<std::size_t>(step.set_op.datalen)) +
+               version(step.set_op.version);
+    }
+    EXPECT_EQ(step.type, ZOO_CREATE_OP);
+    const auto& creation = step.create_op;
+    std::string text = std::string("create ") + creation.path + "=" +
+                       std::string(creation.data, static_cast<std::size_t>(creation.datalen)) +
+                       ((creation.flags & ZOO_EPHEMERAL) != 0 ? " ephemeral" : "") +
+                       ((creation.flags & ZOO_SEQUENCE) != 0 ? " sequential" : "");
+    for (int i = 0; i < creation.acl->count; ++i)
+    {
+        const ACL& right = creation.acl->data[i];
+        if (std::string(right.id.scheme) != "world")
+        {
+            text += " acl " + std::to_string(right.perms) + " " + right.id.scheme + ":" + right.id.id;
+        }
+    }
+    return text;
+}
+
+/// Where the results of a transaction go, as the real library arranges it when it is asked.
+std::vector<zoo_op_result_t*> Destinations(int count, const zoo_op_t* steps, zoo_op_result_t* results)
+{
+    std::vector<zoo_op_result_t*> destinations;
+    for (int i = 0; i < count; ++i)
+    {
+        if (steps[i].type == ZOO_CREATE_OP)
+        {
+            results[i].value = steps[i].create_op.buf;
+            results[i].valuelen = steps[i].create_op.buflen;
+        }
+        destinations.push_back(&results[i]);
+    }
+    return destinations;
+}
+
+void WriteResults(const Request& request, const Reply& reply)
+{
+    for (std::size_t i = 0; i < request.results.size(); ++i)
+    {
+        zoo_op_result_t& result = *request.results[i];
+        const bool before = reply.refused && i < *reply.refused;
+        const bool behind = reply.refused && i > *reply.refused;
+        result.err = before ? ZOK : behind ? static_cast<int>(ZRUNTIMEINCONSISTENCY) : reply.rc;
+        if (result.err != ZOK)
+        {
+            result.value = nullptr;
+        }
+        else if (result.value != nullptr && i < reply.created.size())
+        {
+            const std::string& path = reply.created[i];
+            const std::size_t bytes = std::min(path.size() + 1, static_cast<std::size_t>(result.valuelen));
+            std::memcpy(result.value, path.c_str(), bytes);
+        }
+    }
 }
 
 void Complete(const Request& request, const Reply& reply)
@@ -128,8 +206,17 @@ void Complete(const Request& request, const Reply& reply)
         stat.ephemeralOwner = reply.ephemeralOwner;
         request.onStat(reply.rc, reply.rc == ZOK ? &stat : nullptr, request.context);
     }
+    else if (request.onData != nullptr)
+    {
+        Stat stat{};
+        stat.ephemeralOwner = reply.ephemeralOwner;
+        const bool some = reply.rc == ZOK && reply.data;
+        request.onData(reply.rc, some ? reply.data->data() : nullptr, some ? static_cast<int>(reply.data->size()) : -1,
+                       reply.rc == ZOK ? &stat : nullptr, request.context);
+    }
     else
     {
+        WriteResults(request, reply);
         request.onVoid(reply.rc, request.context);
     }
 }
@@ -855,6 +942,30 @@ int zoo_aget_children(zhandle_t* zh, const char* path, int watch, strings_comple
     Request request{Sent::GetChildren, path};
     request.onStrings = completion;
     request.context = data;
+    return Library().Send(zh, request);
+}
+
+int zoo_aget(zhandle_t* zh, const char* path, int watch, data_completion_t completion, const void* data)
+{
+    EXPECT_EQ(watch, 0);
+    Request request{Sent::GetData, path};
+    request.onData = completion;
+    request.context = data;
+    return Library().Send(zh, request);
+}
+
+int zoo_amulti(zhandle_t* zh, int count, const zoo_op_t* ops, zoo_op_result_t* results, void_completion_t completion,
+               const void* data)
+{
+    std::string steps;
+    for (int i = 0; i < count; ++i)
+    {
+        steps += (i > 0 ? ", " : "") + kx::velmor::testing_support::Describe(ops[i]);
+    }
+    Request request{Sent::Transact, steps};
+    request.onVoid = completion;
+    request.context = data;
+    request.results = kx::velmor::testing_support::Destinations(count, ops, results);
     return Library().Send(zh, request);
 }
 

@@ -4,9 +4,11 @@
 
 #include <zookeeper/zookeeper.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -39,10 +41,14 @@ enum class Sent
 {
     Create,
     GetChildren,
+    GetData,
     Exists,
     WatchExists,
     Delete,
     Sync,
+    /// In place of a path it has all operations, as in "create /a=data ephemeral sequential, set /b=data v3, delete /c,
+    /// check /d v0". A creation with other rights than everybody's has them behind it: "acl 31 auth:".
+    Transact,
 };
 
 /// What one request comes to.
@@ -53,8 +59,15 @@ struct Reply
     std::string path{};
     /// What `Sent::GetChildren` gives.
     std::vector<std::string> children{};
-    /// What `Sent::Exists` and `Sent::WatchExists` give in the record.
+    /// What `Sent::GetData` gives; nothing for a node that was made without data.
+    std::optional<std::string> data{};
+    /// What `Sent::Exists`, `Sent::WatchExists` and `Sent::GetData` give in the record.
     std::int64_t ephemeralOwner = 0;
+    /// What `Sent::Transact` gives: a path for each of its creations.
+    std::vector<std::string> created{};
+    /// The operation for which `Sent::Transact` is refused with `rc`. Without it the code is that of all operations, as
+    /// when there is no answer.
+    std::optional<std::size_t> refused{};
     /// When not `ZOK`, the request is refused with it and never answered.
     int refusal = ZOK;
     /// Not answered until `Answer`, or until its handle is closed.

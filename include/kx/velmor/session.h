@@ -1,11 +1,8 @@
 #pragma once
 
-#include <kx/velmor/connection.h>
-#include <kx/velmor/registration.h>
-#include <kx/velmor/session_status.h>
+#include <kx/velmor/election_session.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -54,7 +51,7 @@ struct SessionOptions
     std::vector<AccessRule> accessList{};
 };
 
-/// A live ZooKeeper session: the `Connection` that talks to servers.
+/// A live ZooKeeper session: the `ElectionSession` that talks to servers.
 ///
 /// It survives the loss of its connection and of its servers: the client library reconnects within the session, and
 /// when the session is over (expired, or several session timeouts without a word from any server) a new one is opened,
@@ -71,7 +68,7 @@ struct SessionOptions
 /// Every operation returns within `operationTimeout`. Reads are repeated after a lost connection, with back-off, until
 /// then; writes are not, since they may have happened (but see `GuaranteedDelete`). An operation that was under way
 /// when its session ended returns `ZSESSIONEXPIRED`.
-class Session : public Connection
+class Session : public ElectionSession
 {
 public:
     /// Opens a session and waits until a server has answered.
@@ -79,6 +76,12 @@ public:
     /// Blocks for up to `connectTimeout`. Throws `ZooError(ZBADARGUMENTS)` at once, after a log line that names the
     /// option, when an option is wrong; `ZooError(ZOPERATIONTIMEOUT)` when nobody answered in time.
     static std::shared_ptr<Session> Open(SessionOptions options);
+
+    /// As `Open`, without waiting for a server: for a service that may start before its servers do. Until one answers
+    /// the session is `Connecting`, and operations wait for it as they do between sessions.
+    ///
+    /// Does not block; `connectTimeout` does not matter. Throws `ZooError(ZBADARGUMENTS)` as above.
+    static std::shared_ptr<Session> OpenInBackground(SessionOptions options);
 
     /// Closes the session, as `Close` does.
     ~Session() override;
@@ -91,26 +94,19 @@ public:
     /// listener takes.
     void Close();
 
-    /// What is known now. Does not block. Threads: any.
-    SessionStatus Status() const;
-
-    using StateListener = std::function<void(const SessionStatus&)>;
-
-    /// Tells `listener` where the session stands, and then of each change, in order. Once the registration is
-    /// cancelled no call begins any more; one that is under way may go on.
-    ///
-    /// Calls come on the event thread, in order with watch callbacks, with no lock held. The last one, `Closed`, comes
-    /// before `Close` returns, on the stack of a callback that closes the session; on a closed session there is none.
-    /// It may come later when the session is destroyed by what destroys the handle of one of its watches. What a
-    /// listener throws is logged. Does not block. Threads: any.
-    Registration OnStateChange(StateListener listener);
-
-    /// While registered, keeps `SessionStatus::lastHeard` fresh for as long as servers answer: a request of the
-    /// session's own is sent when connected, and another a sixth of the negotiated timeout after the last one was
-    /// answered. It is a write that changes nothing (the deletion of a node that nobody makes), since reads prove
-    /// nothing, and costs what a write costs: an entry in the servers' logs of transactions. Any number of
-    /// registrations cost as much as one. Does not block. Threads: any.
-    Registration KeepFresh();
+    SessionStatus Status() const override;
+    /// As `ElectionSession::OnStateChange`. The last call comes before `Close` returns, on the stack of a callback that
+    /// closes the session; on a closed session there is none. It may come later when the session is destroyed by what
+    /// destroys the handle of one of its watches.
+    Registration OnStateChange(StateListener listener) override;
+    /// As `ElectionSession::OnHeard`. Calls come on a thread of the client library. On a closed session there is none;
+    /// its listeners are destroyed.
+    Registration OnHeard(HeardListener listener) override;
+    /// As `ElectionSession::KeepFresh`. A request of the session's own is sent when connected, and another a sixth of
+    /// the negotiated timeout after the last one was answered. It is a write that changes nothing (the deletion of a
+    /// node that nobody makes), since reads prove nothing, and costs what a write costs: an entry in the servers' logs
+    /// of transactions.
+    Registration KeepFresh() override;
 
     const std::string& RootPath() const override;
     /// As `Connection::Create`. A request that a server would refuse for its size (1 MiB) is `ZBADARGUMENTS` before it
@@ -118,6 +114,7 @@ public:
     int Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
                std::string* createdPath) const override;
     int GetChildren(std::string path, std::vector<std::string>& children) const override;
+    int GetData(std::string path, std::string& data, Stat* stat) const override;
     int Exists(std::string path, Stat* stat) const override;
     /// As `Connection::Exists`. Also `ZMARSHALLINGERROR`, with nothing sent: the paths that the session watches would
     /// come to more than 1 MB, which servers do not take at a reconnection.
@@ -125,12 +122,18 @@ public:
     /// As `Connection::GuaranteedDelete`. Reads of this session that start later come after the deletion, also after
     /// one that is still pending.
     int GuaranteedDelete(std::string path) const override;
+    /// As `ElectionSession::Transact`. Operations that together make a request which a server would refuse for its size
+    /// (1 MiB), or of which one has a path that no node can have, are `ZBADARGUMENTS` before anything is sent. Nodes of
+    /// the root that a creation misses are made beforehand, and stay whatever becomes of the operations.
+    int Transact(const std::vector<Operation>& operations, TransactionResult& result) const override;
     std::unique_ptr<clientid_t> ClientId() const override;
 
 private:
     explicit Session(std::shared_ptr<SessionCore> core);
 
     std::string FullPath(const std::string& path, bool sequential) const;
+    /// The inverse of `FullPath`.
+    std::string RelativePath(const std::string& fullPath) const;
 
     const std::shared_ptr<SessionCore> core_;
 };

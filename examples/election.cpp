@@ -1,9 +1,8 @@
-// One participant in an election, complete: it joins, tells its role on standard output, joins again when its session
-// is lost, and leaves when asked to. Start reading at `Participate`.
-
-#include "source/candidate_impl.h"
+// One participant in an election, complete: it joins, tells its role on standard output, and leaves when asked to.
+// Start reading at `Participate`.
 
 #include <kx/logging/logger.h>
+#include <kx/velmor/candidate.h>
 #include <kx/velmor/error.h>
 #include <kx/velmor/session.h>
 
@@ -11,23 +10,22 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 
 namespace {
 
 using kx::logging::LogLevel;
-using kx::velmor::CandidateImpl;
+using kx::velmor::Candidate;
+using kx::velmor::CandidateOptions;
+using kx::velmor::Leadership;
+using kx::velmor::Role;
 using kx::velmor::Session;
 using kx::velmor::SessionOptions;
 using kx::velmor::VelmorError;
@@ -45,140 +43,37 @@ struct Options
     milliseconds sessionTimeout{10'000};
 };
 
-enum class Role
+/// One line per change of role.
+void Print(const Options& options, const Session& session, const std::string& role, const std::string& node,
+           const std::string& more = std::string())
 {
-    Joining,
-    Follower,
-    Next,
-    Leader,
-    /// The session is over and the node with it: others may lead already.
-    Lost,
-    Left
-};
+    // The same clock for all processes of a machine, so that their lines can be put in order.
+    using namespace std::chrono;
+    const auto now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    std::printf("%" PRId64 ".%06" PRId64 " %s %s node=%s session=0x%" PRIx64 " timeout=%" PRId64 "ms%s\n",
+                static_cast<std::int64_t>(now / 1'000'000), static_cast<std::int64_t>(now % 1'000'000),
+                options.name.c_str(), role.c_str(), node.empty() ? "-" : node.c_str(),
+                static_cast<std::uint64_t>(session.Status().sessionId),
+                static_cast<std::int64_t>(options.sessionTimeout.count()), more.c_str());
+}
 
-const char* Text(Role role)
+/// The role as a line has it; empty when another callback, or nobody, tells of it.
+std::string Text(Role role, Role before)
 {
     switch (role)
     {
         case Role::Joining:
-            return "joining";
+            return before == Role::Stopped ? "joining" : "lost";
         case Role::Follower:
             return "follower";
-        case Role::Next:
+        case Role::NextLeader:
             return "next";
         case Role::Leader:
-            return "leader";
-        case Role::Lost:
-            return "lost";
-        case Role::Left:
-            return "left";
+        case Role::Stopped:
+            return std::string();
     }
-    return "?";
+    return std::string();
 }
-
-/// The role in words, one line per change. Checks tell the same role again and again, and a check that was under way
-/// when the session ended may speak for a node that is gone: neither makes a line.
-///
-/// Threads: any. Takes no lock but its own, so it may be called by role callbacks, which hold the candidate's.
-class RoleReport
-{
-public:
-    RoleReport(const Options& options, std::shared_ptr<const Session> session)
-        : name_(options.name), timeout_(options.sessionTimeout), session_(std::move(session))
-    {}
-
-    /// Whose role it is. Call once, before the candidate is started.
-    void SetCandidate(const std::shared_ptr<const CandidateImpl>& candidate) { candidate_ = candidate; }
-
-    /// From here on, roles are those of a node of the present session. False when there is none.
-    bool Joining()
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        identity_ = Identity();
-        if (identity_ != 0)
-        {
-            Change(Role::Joining);
-        }
-        return identity_ != 0;
-    }
-
-    /// What a role callback has to tell.
-    void Elected(Role role)
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (role_ != Role::Lost && !SessionReplaced())
-        {
-            Change(role);
-        }
-    }
-
-    /// Nobody calls back a candidate that is third or later: what has joined and heard nothing follows.
-    void Joined()
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (role_ == Role::Joining)
-        {
-            Change(Role::Follower);
-        }
-    }
-
-    /// Whether the session in which this participant joined is over; then tells so. The candidate does not join again
-    /// by itself.
-    bool Lost()
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (!SessionReplaced())
-        {
-            return false;
-        }
-        Change(Role::Lost);
-        return true;
-    }
-
-    void Left()
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        Change(Role::Left);
-    }
-
-private:
-    /// 0 while there is no session.
-    std::int64_t Identity() const
-    {
-        const std::unique_ptr<clientid_t> id = session_->ClientId();
-        return id ? id->client_id : 0;
-    }
-
-    bool SessionReplaced() const { return Identity() != identity_; }
-
-    void Change(Role role)
-    {
-        if (role_ == role)
-        {
-            return;
-        }
-        role_ = role;
-        const std::shared_ptr<const CandidateImpl> candidate = candidate_.lock();
-        const std::string node = candidate && role != Role::Joining ? candidate->Name() : std::string();
-        // The same clock for all processes of a machine, so that their lines can be put in order.
-        using namespace std::chrono;
-        const auto now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
-        std::printf("%" PRId64 ".%06" PRId64 " %s %s node=%s session=0x%" PRIx64 " timeout=%" PRId64 "ms\n",
-                    static_cast<std::int64_t>(now / 1'000'000), static_cast<std::int64_t>(now % 1'000'000),
-                    name_.c_str(), Text(role), node.empty() ? "-" : node.c_str(), static_cast<std::uint64_t>(identity_),
-                    static_cast<std::int64_t>(timeout_.count()));
-    }
-
-    const std::string name_;
-    const milliseconds timeout_;
-    const std::shared_ptr<const Session> session_;
-    /// The candidate owns its callbacks, and they own this.
-    std::weak_ptr<const CandidateImpl> candidate_;
-    /// Guards what follows.
-    std::mutex mutex_;
-    std::optional<Role> role_;
-    std::int64_t identity_ = 0;
-};
 
 /// Waits for SIGTERM or SIGINT, which `main` has blocked so that they wait for us.
 bool ToldToLeaveWithin(milliseconds time)
@@ -191,80 +86,47 @@ bool ToldToLeaveWithin(milliseconds time)
     return ::sigtimedwait(&signals, nullptr, &limit) > 0;
 }
 
-/// True when the participant has joined the queue at its end.
-bool TryToJoin(CandidateImpl& candidate, RoleReport& report)
-{
-    if (!report.Joining())
-    {
-        KX_LOG(LogLevel::Info, g_log) << "Waiting for a session to join the election in";
-        return false;
-    }
-    try
-    {
-        candidate.Start();
-    }
-    catch (const VelmorError& error)
-    {
-        KX_LOG(LogLevel::Warning, g_log) << "Could not join the election, trying again soon: " << error.what();
-        return false;
-    }
-    report.Joined();
-    return true;
-}
-
-/// True when the participant's node is gone for sure.
-bool TryToLeave(CandidateImpl& candidate)
-{
-    try
-    {
-        candidate.Stop();
-    }
-    catch (const VelmorError& error)
-    {
-        // Stopped all the same. The node goes with its session at the latest.
-        KX_LOG(LogLevel::Warning, g_log) << "Could not delete the candidate's node: " << error.what();
-        return false;
-    }
-    return true;
-}
-
 int Participate(const Options& options)
 {
     SessionOptions sessionOptions;
     sessionOptions.servers = options.servers;
     sessionOptions.sessionTimeout = options.sessionTimeout;
-    const std::shared_ptr<Session> session = Session::Open(sessionOptions);
+    const std::shared_ptr<Session> session = Session::OpenInBackground(sessionOptions);
 
-    // A leader that is cut off from the servers goes on believing until it hears from them again, while another one may
-    // have taken over: work that must never be done by two has to be fenced off where it takes effect.
-    const auto report = std::make_shared<RoleReport>(options, session);
-    const auto candidate = std::make_shared<CandidateImpl>(
-        session, options.path, [report] { report->Elected(Role::Leader); }, [report] { report->Elected(Role::Next); });
-    report->SetCandidate(candidate);
-
-    constexpr milliseconds kLook{50};
-    constexpr milliseconds kLongestDelay{5'000};
-    milliseconds delay{0};
-    bool joined = false;
-    while (!ToldToLeaveWithin(delay))
-    {
-        if (!joined)
+    // The callbacks ask the candidate for its node, and are made before it. What they use goes after it.
+    Role before = Role::Stopped;
+    std::optional<Candidate> candidate;
+    CandidateOptions election;
+    election.electionPath = options.path;
+    election.identity = options.name;
+    election.onRoleChange = [&](Role role) {
+        const std::string text = Text(role, before);
+        if (!text.empty())
         {
-            joined = TryToJoin(*candidate, *report);
-            delay = joined ? kLook : std::clamp(2 * delay, kLook, kLongestDelay);
+            Print(options, *session, text, candidate->NodeName());
         }
-        else if (report->Lost())
+        before = role;
+    };
+    // The epoch is for whatever the leader writes to: it tells this leadership from all that were before.
+    election.onLeader = [&](const Leadership& leadership) {
+        Print(options, *session, "leader", candidate->NodeName(), " epoch=" + std::to_string(leadership.Epoch()));
+    };
+    candidate.emplace(session, election);
+    candidate->Start();
+
+    constexpr milliseconds kLook{200};
+    while (!ToldToLeaveWithin(kLook))
+    {
+        if (candidate->CurrentRole() == Role::Stopped)
         {
-            KX_LOG(LogLevel::Warning, g_log) << "The session is over, joining the election again at its end";
-            TryToLeave(*candidate);
-            joined = false;
+            KX_LOG(LogLevel::Error, g_log) << "Takes no part any more: " << candidate->Error();
+            return EXIT_FAILURE;
         }
     }
-
-    const bool left = TryToLeave(*candidate);
+    candidate->Stop();
     session->Close();
-    report->Left();
-    return left ? EXIT_SUCCESS : EXIT_FAILURE;
+    Print(options, *session, "left", std::string());
+    return EXIT_SUCCESS;
 }
 
 }  // namespace
@@ -284,7 +146,8 @@ int main(int argc, char** argv)
                                           CLI::AsNumberWithUnit::UNIT_REQUIRED));
     app.footer(
         "A line: seconds on CLOCK_MONOTONIC, name, role (joining, follower, next, leader, lost, left), node=<name>,\n"
-        "session=<id>, timeout=<asked for>. Exit status: 0 left, 1 failed or left without deleting the node, 2 usage.");
+        "session=<id>, timeout=<asked for>, and epoch=<fencing token> for a leader.\n"
+        "Exit status: 0 left, 1 failed, 2 usage.");
     try
     {
         app.parse(argc, argv);

@@ -71,8 +71,9 @@ StagedElection::~StagedElection()
             try
             {
                 client_.DeleteAll(path_);
+                client_.DeleteAll(path_ + "-identities");
                 client_.Sync();
-                return !client_.Exists(path_);
+                return !client_.Exists(path_) && !client_.Exists(path_ + "-identities");
             }
             catch (const std::runtime_error&)
             {

@@ -128,12 +128,8 @@ private:
     void PostSessionEvent(int state) KX_REQUIRES(mutex_);
     void DeliverSessionEvent(int state, WatchRegistry::Position position);
     void DeliverNodeEvent(int type, int state, const std::string& path, WatchRegistry::Position position);
-    /// Runs what `fetch` gets from a state. Nothing that either throws leaves it.
-    void RunCallback(const std::function<Connection::WatchCallback()>& fetch, int type, int state,
-                     const std::string& path) const;
     /// Lets go of the states whose handles are gone, and of the client library's watches behind them.
     void DropReleasedWatches();
-    void DropAllWatches();
     void Unwatch(const std::string& path) const;
     bool Closed() const;
     std::shared_ptr<ClientHandle> Handle() const;

@@ -2,8 +2,8 @@
 
 #include "source/make_path.h"
 
+#include "source/testing/node_tree.h"
 #include "tests/fuzz/fuzz_target.h"
-#include "tests/support/node_tree.h"
 
 #include <algorithm>
 #include <map>

@@ -312,10 +312,7 @@ int Look(const ScriptedServiceCore& core, const std::string& path, Stat* stat)
     }
     if (stat != nullptr)
     {
-        *stat = Stat{};
-        stat->czxid = node->created;
-        stat->version = node->version;
-        stat->ephemeralOwner = node->ephemeralOwner;
+        *stat = StatOf(*node);
     }
     return ZOK;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/node_tree.h"
+#include "source/testing/node_tree.h"
 #include "tests/support/scripted_connection.h"
 
 #include <algorithm>
@@ -107,6 +107,7 @@ struct ScriptedServiceCore
     /// `mutex` is held.
     int Create(const std::string& path, std::int64_t owner, bool sequential, std::string& created)
     {
+        tree.BeginTransaction();
         const int rc = tree.Create(path, owner, sequential, created);
         if (rc == ZOK)
         {
@@ -118,6 +119,7 @@ struct ScriptedServiceCore
     /// `mutex` is held.
     int Delete(const std::string& path)
     {
+        tree.BeginTransaction();
         const int rc = tree.Delete(path);
         if (rc == ZOK)
         {

@@ -125,7 +125,8 @@ void ScriptedService::Delete(const std::string& path)
 void ScriptedService::Touch(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(core_->mutex);
-    Insist(core_->tree.Touch(path), "Touch " + path);
+    core_->tree.BeginTransaction();
+    Insist(core_->tree.Set(path, std::string()), "Touch " + path);
     core_->NodeEvent(path, ZOO_CHANGED_EVENT);
 }
 

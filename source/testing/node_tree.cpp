@@ -1,13 +1,11 @@
-#include "tests/support/node_tree.h"
-
-#include <zookeeper/zookeeper.h>
+#include "source/testing/node_tree.h"
 
 #include <algorithm>
 #include <iomanip>
 #include <sstream>
 #include <utility>
 
-namespace kx::velmor::testing_support {
+namespace kx::velmor {
 
 namespace {
 
@@ -24,6 +22,23 @@ bool IsChild(const std::string& path, const std::string& parent)
 
 }  // namespace
 
+Stat StatOf(const NodeTree::Node& node)
+{
+    Stat stat{};
+    stat.czxid = node.created;
+    stat.mzxid = node.changed;
+    stat.pzxid = node.childrenChanged;
+    stat.ctime = node.createdAt;
+    stat.mtime = node.changedAt;
+    stat.version = node.version;
+    // The service shows all creations and deletions of children, and counts only creations.
+    stat.cversion = 2 * node.childrenCreated - node.children;
+    stat.ephemeralOwner = node.ephemeralOwner;
+    stat.dataLength = static_cast<std::int32_t>(node.data.size());
+    stat.numChildren = node.children;
+    return stat;
+}
+
 std::string ParentOf(const std::string& path)
 {
     const std::size_t separator = path.rfind('/');
@@ -35,7 +50,14 @@ NodeTree::NodeTree()
     nodes_["/"];
 }
 
-int NodeTree::Create(const std::string& path, std::int64_t owner, bool sequential, std::string& created)
+void NodeTree::BeginTransaction(std::int64_t time)
+{
+    ++transaction_;
+    time_ = time;
+}
+
+int NodeTree::Create(const std::string& path, std::int64_t owner, bool sequential, std::string& created,
+                     const std::string& data)
 {
     // A sequential node's name may be nothing but its number.
     if (!IsValid(sequential ? path + "0" : path))
@@ -67,35 +89,62 @@ int NodeTree::Create(const std::string& path, std::int64_t owner, bool sequentia
         return ZNODEEXISTS;
     }
     ++parent->second.childrenCreated;
-    nodes_[created] = Node{owner, ++changes_, 0, 0};
+    ++parent->second.children;
+    parent->second.childrenChanged = transaction_;
+    Node& node = nodes_[created];
+    node.data = data;
+    node.ephemeralOwner = owner;
+    node.created = node.changed = node.childrenChanged = transaction_;
+    node.createdAt = node.changedAt = time_;
+    node.order = ++order_;
     return ZOK;
 }
 
-int NodeTree::Delete(const std::string& path)
+int NodeTree::Delete(const std::string& path, std::int32_t version)
 {
-    std::vector<std::string> children;
-    const int rc = Children(path, children);
+    if (path == "/")
+    {
+        return ZBADARGUMENTS;
+    }
+    const int rc = Check(path, version);
     if (rc != ZOK)
     {
         return rc;
     }
-    if (!children.empty())
+    if (nodes_[path].children > 0)
     {
         return ZNOTEMPTY;
     }
     nodes_.erase(path);
+    Node& parent = nodes_[ParentOf(path)];
+    --parent.children;
+    parent.childrenChanged = transaction_;
     return ZOK;
 }
 
-int NodeTree::Touch(const std::string& path)
+int NodeTree::Set(const std::string& path, const std::string& data, std::int32_t version)
+{
+    const int rc = Check(path, version);
+    if (rc != ZOK)
+    {
+        return rc;
+    }
+    Node& node = nodes_[path];
+    node.data = data;
+    node.changed = transaction_;
+    node.changedAt = time_;
+    ++node.version;
+    return ZOK;
+}
+
+int NodeTree::Check(const std::string& path, std::int32_t version) const
 {
     const auto node = nodes_.find(path);
     if (node == nodes_.end())
     {
         return ZNONODE;
     }
-    ++node->second.version;
-    return ZOK;
+    return version == kAnyVersion || version == node->second.version ? ZOK : ZBADVERSION;
 }
 
 int NodeTree::Children(const std::string& path, std::vector<std::string>& children) const
@@ -109,12 +158,12 @@ int NodeTree::Children(const std::string& path, std::vector<std::string>& childr
     {
         if (IsChild(candidate, path))
         {
-            found.emplace_back(node.created, candidate.substr(candidate.rfind('/') + 1));
+            found.emplace_back(node.order, candidate.substr(candidate.rfind('/') + 1));
         }
     }
     std::sort(found.rbegin(), found.rend());
     children.clear();
-    for (auto& [created, name] : found)
+    for (auto& [order, name] : found)
     {
         children.push_back(std::move(name));
     }
@@ -140,4 +189,4 @@ std::vector<std::string> NodeTree::OwnedBy(std::int64_t session) const
     return owned;
 }
 
-}  // namespace kx::velmor::testing_support
+}  // namespace kx::velmor

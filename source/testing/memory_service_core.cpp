@@ -1,0 +1,427 @@
+// Sessions of a service in memory, and its clock.
+
+#include "source/testing/memory_service_core.h"
+
+#include "source/watch_delivery.h"
+
+#include <algorithm>
+
+namespace kx::velmor::testing {
+
+namespace {
+
+/// Any time will do, but for 0, which stands for none in too many programs.
+constexpr std::chrono::hours kBeginning{24};
+
+constexpr std::int64_t kFirstSession = 0x100'0000'0001;
+
+/// As those of a `Session`.
+constexpr int kRefreshesPerTimeout = 6;
+
+std::int64_t Milliseconds(std::chrono::nanoseconds time)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+}  // namespace
+
+MemoryServiceCore::MemoryServiceCore()
+    : now_(BootClock::duration(kBeginning).count()),
+      epochMilliseconds_(Milliseconds(std::chrono::system_clock::now().time_since_epoch() - kBeginning)),
+      lastSession_(kFirstSession - 1)
+{}
+
+std::shared_ptr<MemorySessionRecord> MemoryServiceCore::Open(MemorySessionOptions options)
+{
+    auto session = std::make_shared<Record>(shared_from_this(), std::move(options));
+    session->events.Start([session] {
+        session->events.Run();
+        DropWatches(session->watches);
+    });
+    const MutexLock lock(mutex_);
+    sessions_.push_back(session);
+    session->status.negotiatedTimeout = session->options.sessionTimeout;
+    BeginSession(*session);
+    return session;
+}
+
+void MemoryServiceCore::Expire(Record& session)
+{
+    AllHeard heard;
+    {
+        const MutexLock lock(mutex_);
+        EndSession(session.status.sessionId);
+        if (session.status.state == SessionState::Connected)
+        {
+            Disconnect(session);
+            Reconnect(session, heard);
+        }
+    }
+    Tell(heard);
+}
+
+void MemoryServiceCore::Cut(Record& session)
+{
+    const MutexLock lock(mutex_);
+    if (session.status.state == SessionState::Connected)
+    {
+        Disconnect(session);
+    }
+}
+
+void MemoryServiceCore::Heal(Record& session)
+{
+    AllHeard heard;
+    {
+        const MutexLock lock(mutex_);
+        if (session.status.state == SessionState::Suspended)
+        {
+            Reconnect(session, heard);
+        }
+    }
+    Tell(heard);
+}
+
+void MemoryServiceCore::LoseReply(Record& session)
+{
+    const MutexLock lock(mutex_);
+    session.losesReply = true;
+}
+
+void MemoryServiceCore::Refuse(const std::string& path, int code)
+{
+    AllHeard heard;
+    {
+        const MutexLock lock(mutex_);
+        refused_.erase(path);
+        if (code != ZOK)
+        {
+            refused_[path] = code;
+        }
+        for (const auto& session : sessions_)
+        {
+            RetryDeletes(*session, heard);
+        }
+    }
+    Tell(heard);
+}
+
+void MemoryServiceCore::Advance(BootClock::duration time)
+{
+    const BootClock::time_point end = Now() + time;
+    bool reached = false;
+    while (!reached)
+    {
+        AllHeard heard;
+        {
+            const MutexLock lock(mutex_);
+            const BootClock::time_point next = std::min(end, std::max(NextDue(), Now()));
+            reached = next == end;
+            now_ = next.time_since_epoch().count();
+            DoWhatIsDue(heard);
+        }
+        Tell(heard);
+        jumps_.Tell();
+    }
+}
+
+void MemoryServiceCore::Close(Record& session, bool wait)
+{
+    bool first = false;
+    {
+        const MutexLock lock(mutex_);
+        first = session.status.state != SessionState::Closed;
+        if (first)
+        {
+            const bool reachable = session.status.state == SessionState::Connected;
+            session.status.lastHeard.reset();
+            Change(session, SessionState::Closed);
+            session.pendingDeletes.clear();
+            sessions_.erase(std::remove(sessions_.begin(), sessions_.end(), session.shared_from_this()),
+                            sessions_.end());
+            if (reachable)
+            {
+                EndSession(session.status.sessionId);
+            }
+        }
+    }
+    if (first)
+    {
+        session.events.Finish();
+    }
+    if (!wait)
+    {
+        return;
+    }
+    if (session.events.OnEventThread())
+    {
+        // What is queued would come after the return from here.
+        const SessionStatus status = Status(session);
+        for (const StateListeners::Shared& listener : session.listeners.All())
+        {
+            listener->Tell(status);
+        }
+    }
+    session.events.Join();
+}
+
+SessionStatus MemoryServiceCore::Status(const Record& session) const
+{
+    const MutexLock lock(mutex_);
+    return session.status;
+}
+
+Registration MemoryServiceCore::OnStateChange(Record& session, ElectionSession::StateListener callback)
+{
+    StateListeners::Shared listener;
+    {
+        // Together, so that the listener misses no change and is told none twice.
+        const MutexLock lock(mutex_);
+        if (session.status.state == SessionState::Closed)
+        {
+            return Registration();
+        }
+        listener = session.listeners.Add(std::move(callback));
+        Post(session, [listener, status = session.status] { listener->Tell(status); });
+    }
+    return Registration([weak = session.weak_from_this(), listener] {
+        if (const auto alive = weak.lock())
+        {
+            alive->listeners.Remove(listener);
+        }
+    });
+}
+
+Registration MemoryServiceCore::KeepFresh(Record& session)
+{
+    {
+        const MutexLock lock(mutex_);
+        ++session.freshHolds;
+        AllHeard heard;
+        RefreshIfDue(session, heard);
+        if (!heard.empty())
+        {
+            // Not here: the caller does not expect to be called back.
+            Post(session, [weak = session.weak_from_this(), id = heard[0].id, at = heard[0].at] {
+                if (const auto alive = weak.lock())
+                {
+                    alive->heard.Tell(id, at);
+                }
+            });
+        }
+    }
+    return Registration([weak = session.weak_from_this()] {
+        if (const auto alive = weak.lock())
+        {
+            const MutexLock lock(alive->service->mutex_);
+            --alive->freshHolds;
+        }
+    });
+}
+
+void MemoryServiceCore::Tell(const AllHeard& allHeard)
+{
+    for (const Heard& heard : allHeard)
+    {
+        heard.session->heard.Tell(heard.id, heard.at);
+    }
+}
+
+void MemoryServiceCore::Post(Record& session, EventLoop::Task task)
+{
+    session.events.Post([underWay = activity_.Begin(), task = std::move(task)] { task(); });
+}
+
+void MemoryServiceCore::Change(Record& session, SessionState state)
+{
+    session.status.state = state;
+    Post(session, [listeners = session.listeners.All(), status = session.status] {
+        for (const StateListeners::Shared& listener : listeners)
+        {
+            listener->Tell(status);
+        }
+    });
+}
+
+void MemoryServiceCore::PostSessionEvent(Record& session, int state)
+{
+    Post(session, [this, &session, state, position = session.watches.Now()] {
+        TellSessionEvent(session.watches, position, state,
+                         [&] { return Status(session).state == SessionState::Closed; });
+        DropReleasedWatches(session);
+    });
+}
+
+void MemoryServiceCore::PostNodeEvent(Record& session, int type, const std::string& path)
+{
+    Post(session, [this, &session, type, path, position = session.watches.Now()] {
+        const std::size_t root = session.options.rootPath.size();
+        const std::string nodePath = path.size() > root ? path.substr(root) : "/";
+        TellNodeEvent(session.watches, position, type, ZOO_CONNECTED_STATE, path, nodePath,
+                      [&] { return Status(session).state == SessionState::Closed; });
+        DropReleasedWatches(session);
+    });
+}
+
+void MemoryServiceCore::OnChange(int type, const std::string& path)
+{
+    for (const auto& session : sessions_)
+    {
+        if (!session->cut && session->watched.erase(path) > 0)
+        {
+            PostNodeEvent(*session, type, path);
+        }
+    }
+}
+
+void MemoryServiceCore::Disconnect(Record& session)
+{
+    session.cut = true;
+    session.cutAfter = tree_.LastTransaction();
+    for (auto& [path, wasThere] : session.watched)
+    {
+        wasThere = tree_.Find(path) != nullptr;
+    }
+    const auto alive = alive_.find(session.status.sessionId);
+    if (alive != alive_.end())
+    {
+        alive->second = Now() + session.status.negotiatedTimeout;
+    }
+    Change(session, SessionState::Suspended);
+    PostSessionEvent(session, ZOO_CONNECTING_STATE);
+}
+
+void MemoryServiceCore::Reconnect(Record& session, AllHeard& heard)
+{
+    session.cut = false;
+    const auto alive = alive_.find(session.status.sessionId);
+    if (alive != alive_.end())
+    {
+        alive->second.reset();
+        Change(session, SessionState::Connected);
+        PostSessionEvent(session, ZOO_CONNECTED_STATE);
+        TellMissedChanges(session);
+    }
+    else
+    {
+        session.status.lastHeard.reset();
+        Change(session, SessionState::Expired);
+        session.watched.clear();
+        session.pendingDeletes.clear();
+        PostSessionEvent(session, ZOO_EXPIRED_SESSION_STATE);
+        session.status.sessionId = 0;
+        Change(session, SessionState::Connecting);
+        BeginSession(session);
+        PostSessionEvent(session, ZOO_CONNECTED_STATE);
+    }
+    RetryDeletes(session, heard);
+    session.refreshAt = Now();
+    RefreshIfDue(session, heard);
+}
+
+void MemoryServiceCore::TellMissedChanges(Record& session)
+{
+    // As the real service does when it is shown a client's watches: it knows what is there now, and when that changed.
+    for (auto watch = session.watched.begin(); watch != session.watched.end();)
+    {
+        const auto& [path, wasThere] = *watch;
+        const NodeTree::Node* const node = tree_.Find(path);
+        const bool changed = node != nullptr && node->changed > session.cutAfter;
+        if ((node != nullptr) == wasThere && !changed)
+        {
+            ++watch;
+            continue;
+        }
+        PostNodeEvent(session,
+                      node == nullptr ? ZOO_DELETED_EVENT
+                      : wasThere      ? ZOO_CHANGED_EVENT
+                                      : ZOO_CREATED_EVENT,
+                      path);
+        watch = session.watched.erase(watch);
+    }
+}
+
+void MemoryServiceCore::BeginSession(Record& session)
+{
+    session.status.sessionId = ++lastSession_;
+    session.refreshAt = Now();
+    alive_[session.status.sessionId].reset();
+    Change(session, SessionState::Connected);
+}
+
+void MemoryServiceCore::EndSession(std::int64_t id)
+{
+    if (alive_.erase(id) == 0)
+    {
+        return;
+    }
+    BeginTransaction();
+    for (const std::string& path : tree_.OwnedBy(id))
+    {
+        tree_.Delete(path);
+        OnChange(ZOO_DELETED_EVENT, path);
+    }
+}
+
+void MemoryServiceCore::NoteHeard(Record& session, AllHeard& heard)
+{
+    session.status.lastHeard = Now();
+    heard.push_back({session.shared_from_this(), session.status.sessionId, Now()});
+}
+
+void MemoryServiceCore::RefreshIfDue(Record& session, AllHeard& heard)
+{
+    if (session.status.state == SessionState::Connected && session.freshHolds > 0 && session.refreshAt <= Now())
+    {
+        NoteHeard(session, heard);
+        session.refreshAt = Now() + BootClock::duration(session.status.negotiatedTimeout) / kRefreshesPerTimeout;
+    }
+}
+
+BootClock::time_point MemoryServiceCore::NextDue() const
+{
+    BootClock::time_point next = BootClock::time_point::max();
+    for (const auto& [id, diesAt] : alive_)
+    {
+        next = std::min(next, diesAt.value_or(next));
+    }
+    for (const auto& session : sessions_)
+    {
+        if (session->status.state == SessionState::Connected && session->freshHolds > 0)
+        {
+            next = std::min(next, session->refreshAt);
+        }
+    }
+    return next;
+}
+
+void MemoryServiceCore::DoWhatIsDue(AllHeard& heard)
+{
+    std::vector<std::int64_t> dying;
+    for (const auto& [id, diesAt] : alive_)
+    {
+        if (diesAt && *diesAt <= Now())
+        {
+            dying.push_back(id);
+        }
+    }
+    for (const std::int64_t id : dying)
+    {
+        EndSession(id);
+    }
+    for (const auto& session : sessions_)
+    {
+        RefreshIfDue(*session, heard);
+        RetryDeletes(*session, heard);
+    }
+}
+
+void MemoryServiceCore::DropReleasedWatches(Record& session)
+{
+    // Destroyed with no lock held: the callbacks' captures may destroy anything.
+    WatchRegistry::States released;
+    const MutexLock lock(mutex_);
+    released = session.watches.TakeReleased([&](const std::string& path) { session.watched.erase(path); });
+}
+
+}  // namespace kx::velmor::testing

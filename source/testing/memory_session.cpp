@@ -1,0 +1,185 @@
+#include "source/disarming.h"
+#include "source/testing/memory_service_core.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+namespace kx::velmor::testing {
+
+namespace {
+
+/// What a sequential node's name gets behind the requested one.
+constexpr std::size_t kSequenceDigits = 10;
+
+/// A path of the tree, as the session calls it.
+std::string Relative(const MemorySessionRecord& session, const std::string& path)
+{
+    const std::size_t root = session.options.rootPath.size();
+    return path.size() > root ? path.substr(root) : path.empty() ? path : "/";
+}
+
+}  // namespace
+
+MemorySession::MemorySession(std::shared_ptr<MemorySessionRecord> record) : record_(std::move(record)) {}
+
+MemorySession::~MemorySession()
+{
+    record_->service->Close(*record_, !DisarmsOnThisThread());
+}
+
+void MemorySession::Close()
+{
+    record_->service->Close(*record_, true);
+}
+
+SessionStatus MemorySession::Status() const
+{
+    return record_->service->Status(*record_);
+}
+
+Registration MemorySession::OnStateChange(StateListener listener)
+{
+    return record_->service->OnStateChange(*record_, std::move(listener));
+}
+
+Registration MemorySession::OnHeard(HeardListener listener)
+{
+    return record_->heard.Add(std::move(listener));
+}
+
+Registration MemorySession::KeepFresh()
+{
+    return record_->service->KeepFresh(*record_);
+}
+
+BootClock::time_point MemorySession::Now() const noexcept
+{
+    return record_->service->Now();
+}
+
+Registration MemorySession::OnClockJump(std::function<void()> listener)
+{
+    return record_->service->OnClockJump(std::move(listener));
+}
+
+const std::string& MemorySession::RootPath() const
+{
+    return record_->options.rootPath;
+}
+
+int MemorySession::Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
+                          std::string* createdPath) const
+{
+    const bool sequential = (flags & ZOO_SEQUENCE) != 0;
+    const bool fits = createdPath == nullptr || createdPath->size() >= path.size() + (sequential ? kSequenceDigits : 0);
+    if (!IsNodePath(path, sequential) || !fits || (flags & ~(ZOO_EPHEMERAL | ZOO_SEQUENCE)) != 0)
+    {
+        return ZBADARGUMENTS;
+    }
+    std::string created;
+    const int rc = record_->service->Create(*record_, record_->InTree(path, sequential), data, acl, flags, created);
+    if (rc == ZOK && createdPath != nullptr)
+    {
+        *createdPath = Relative(*record_, created);
+    }
+    return rc;
+}
+
+int MemorySession::GetChildren(std::string path, std::vector<std::string>& children) const
+{
+    return IsNodePath(path) ? record_->service->GetChildren(*record_, record_->InTree(path), children) : ZBADARGUMENTS;
+}
+
+int MemorySession::Exists(std::string path, Stat* stat) const
+{
+    std::string data;
+    return GetData(std::move(path), data, stat);
+}
+
+std::pair<int, Connection::WatchHandle> MemorySession::Exists(std::string path, WatchCallback callback,
+                                                              Stat* stat) const
+{
+    if (!IsNodePath(path))
+    {
+        return {ZBADARGUMENTS, WatchHandle()};
+    }
+    auto state = std::make_shared<WatchState>();
+    state->active = true;
+    state->hasCallback = true;
+    state->callback = std::move(callback);
+    NodeTree::Node node;
+    const int rc = record_->service->Watch(*record_, record_->InTree(path), state, node);
+    WatchHandle handle(std::move(state));
+    if (rc == ZOK && stat != nullptr)
+    {
+        *stat = StatOf(node);
+    }
+    return {rc, rc == ZOK || rc == ZNONODE ? std::move(handle) : WatchHandle()};
+}
+
+int MemorySession::GuaranteedDelete(std::string path) const
+{
+    return IsNodePath(path) ? record_->service->GuaranteedDelete(*record_, record_->InTree(path)) : ZBADARGUMENTS;
+}
+
+std::unique_ptr<clientid_t> MemorySession::ClientId() const
+{
+    const SessionStatus status = Status();
+    if (status.state == SessionState::Closed)
+    {
+        return nullptr;
+    }
+    auto identity = std::make_unique<clientid_t>();
+    identity->client_id = status.sessionId;
+    return identity;
+}
+
+int MemorySession::GetData(std::string path, std::string& data, Stat* stat) const
+{
+    if (!IsNodePath(path))
+    {
+        return ZBADARGUMENTS;
+    }
+    NodeTree::Node node;
+    const int rc = record_->service->Look(*record_, record_->InTree(path), node);
+    if (rc != ZOK)
+    {
+        return rc;
+    }
+    if (stat != nullptr)
+    {
+        *stat = StatOf(node);
+    }
+    data = std::move(node.data);
+    return ZOK;
+}
+
+int MemorySession::Transact(const std::vector<Operation>& operations, TransactionResult& result) const
+{
+    result = TransactionResult();
+    if (operations.empty())
+    {
+        return ZBADARGUMENTS;
+    }
+    std::vector<Operation> inTree = operations;
+    for (Operation& operation : inTree)
+    {
+        const bool sequential =
+            operation.kind == Operation::Kind::Create &&
+            (operation.mode == NodeMode::PersistentSequential || operation.mode == NodeMode::EphemeralSequential);
+        if (!IsNodePath(operation.path, sequential))
+        {
+            return ZBADARGUMENTS;
+        }
+        operation.path = record_->InTree(operation.path, sequential);
+    }
+    const int rc = record_->service->Transact(*record_, inTree, result);
+    for (std::string& created : result.created)
+    {
+        created = Relative(*record_, created);
+    }
+    return rc;
+}
+
+}  // namespace kx::velmor::testing

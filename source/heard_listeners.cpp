@@ -49,11 +49,17 @@ void HeardListeners::Remove(const Shared& listener)
     list_ = std::make_shared<const std::vector<Shared>>(std::move(listeners));
 }
 
-HeardListeners::List HeardListeners::RemoveAll()
+void HeardListeners::RemoveAll()
 {
-    List none = std::make_shared<const std::vector<Shared>>();
-    const MutexLock lock(mutex_);
-    return std::exchange(list_, std::move(none));
+    List removed = std::make_shared<const std::vector<Shared>>();
+    {
+        const MutexLock lock(mutex_);
+        removed.swap(list_);
+    }
+    for (const Shared& listener : *removed)
+    {
+        listener->Cancel();
+    }
 }
 
 HeardListeners::List HeardListeners::All() const

@@ -40,8 +40,8 @@ public:
 
     Shared Add(ElectionSession::HeardListener callback);
     void Remove(const Shared& listener);
-    /// Returns those that there were.
-    List RemoveAll();
+    /// Cancels all. This object may go with the last of them.
+    void RemoveAll();
 
     /// As of now. Never null.
     List All() const;

@@ -1,0 +1,79 @@
+// The service of the guide, run as the guide says.
+
+#include "tests/support/await.h"
+#include "tests/support/child_process.h"
+#include "tests/support/zookeeper_server.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kx::velmor::testing_support {
+namespace {
+
+/// One process of the service, and what it has said.
+class Reports
+{
+public:
+    explicit Reports(const std::string& servers)
+        : process_({{GUIDE_PROGRAM, servers}, {}, [this](const std::string& line) { OnLine(line); }})
+    {}
+
+    bool HasSaid(const std::string& line)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+    }
+
+    ChildProcess& Process() { return process_; }
+
+private:
+    void OnLine(const std::string& line)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(line);
+    }
+
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+    /// Goes first, since it calls.
+    ChildProcess process_;
+};
+
+TEST(Guide, TheServiceIsTakenOverByTheNextLeaderWhenTheLeaderIsEnded)
+{
+    ZooKeeperServer server;
+    server.Start();
+    Reports first(server.Address());
+    Await("the first one works", [&] { return first.HasSaid("leader") && first.HasSaid("working"); });
+    Reports second(server.Address());
+    Await("the second one is next", [&] { return second.HasSaid("next leader"); });
+    EXPECT_FALSE(second.HasSaid("working"));
+
+    first.Process().Terminate(kPatience);
+
+    EXPECT_EQ(first.Process().AwaitExit(kPatience), EXIT_SUCCESS);
+    Await("the first one has stopped", [&] { return first.HasSaid("stopped"); });
+    Await("the second one works", [&] { return second.HasSaid("leader") && second.HasSaid("working"); });
+}
+
+TEST(Guide, TheServiceStartsBeforeItsServer)
+{
+    ZooKeeperServer server;
+    server.Start();
+    server.Stop();
+    Reports reports(server.Address());
+    Await("it tries to join", [&] { return reports.HasSaid("joining"); });
+
+    server.Start();
+
+    Await("it works", [&] { return reports.HasSaid("working"); });
+}
+
+}  // namespace
+}  // namespace kx::velmor::testing_support

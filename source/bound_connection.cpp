@@ -42,8 +42,28 @@ const std::string& BoundConnection::RootPath() const
 int BoundConnection::Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
                             std::string* createdPath) const
 {
-    return SessionOver() ? static_cast<int>(ZSESSIONEXPIRED)
-                         : session_->Create(std::move(path), data, acl, flags, createdPath);
+    if (SessionOver())
+    {
+        return ZSESSIONEXPIRED;
+    }
+    if ((flags & ZOO_EPHEMERAL) == 0)
+    {
+        return session_->Create(std::move(path), data, acl, flags, createdPath);
+    }
+    // What goes with a session must not be made in the next one, which may be there by now.
+    const NodeMode mode = (flags & ZOO_SEQUENCE) != 0 ? NodeMode::EphemeralSequential : NodeMode::Ephemeral;
+    TransactionResult result;
+    const int rc = session_->TransactIn(sessionId_, {Operation::Create(std::move(path), data, mode)}, result);
+    if (rc == ZOK && createdPath != nullptr)
+    {
+        if (result.created.front().size() > createdPath->size())
+        {
+            session_->GuaranteedDelete(result.created.front());
+            return ZBADARGUMENTS;
+        }
+        *createdPath = result.created.front();
+    }
+    return rc;
 }
 
 int BoundConnection::GetChildren(std::string path, std::vector<std::string>& children) const
@@ -87,7 +107,16 @@ std::pair<int, Connection::WatchHandle> BoundConnection::Exists(std::string path
 
 int BoundConnection::GuaranteedDelete(std::string path) const
 {
-    return SessionOver() ? static_cast<int>(ZNONODE) : session_->GuaranteedDelete(std::move(path));
+    if (SessionOver())
+    {
+        return ZNONODE;
+    }
+    Stat stat{};
+    if (session_->Exists(path, &stat) == ZOK && stat.ephemeralOwner != sessionId_)
+    {
+        return ZNONODE;
+    }
+    return session_->GuaranteedDelete(std::move(path));
 }
 
 std::unique_ptr<clientid_t> BoundConnection::ClientId() const

@@ -13,8 +13,10 @@
 namespace kx::velmor {
 
 /// A session's connection for as long as the session is the one it began with. Afterwards operations return
-/// `ZSESSIONEXPIRED`, and the nodes that went with the session count as deleted: one of the same name, in an election
-/// path that was made anew, would be somebody else's.
+/// `ZSESSIONEXPIRED`. Ephemeral nodes get the session's access list, whatever is asked for.
+///
+/// It deletes nodes of its own session only. Others count as deleted: one of the same name, in an election path that
+/// was made anew, is somebody else's.
 ///
 /// Threads: any.
 class BoundConnection final : public Connection

@@ -63,7 +63,6 @@ Candidate::Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions 
 
 Candidate::~Candidate()
 {
-    core_->Stop();
     core_->ShutDown();
 }
 

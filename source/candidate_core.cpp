@@ -84,13 +84,14 @@ CandidateCore::CandidateCore(std::shared_ptr<ElectionSession> session, Candidate
     : session_(std::move(session)),
       options_(Checked(std::move(options))),
       signature_(MakeSignature(options_.identity)),
+      lease_(std::make_shared<Lease>([clock = session_.get()] { return clock->Now(); })),
       rejoining_(options_.firstRejoinDelay, options_.mostRejoinDelay)
 {}
 
 void CandidateCore::Start()
 {
     const Access access(*this);
-    if (wanted_)
+    if (wanted_ || shutDown_)
     {
         return;
     }
@@ -106,6 +107,7 @@ void CandidateCore::Start()
     }
     StartThreads();
     wanted_ = true;
+    startedAnew_ = true;
     SetRole(Role::Joining, LossReason::Left);
 }
 
@@ -140,24 +142,32 @@ void CandidateCore::Stop()
     {
         return;
     }
-    {
-        const MutexLock lock(mutex_);
-        while (busy_ && !leavingLate_ && !wanted_)
-        {
-            changed_.Wait(mutex_);
-        }
-    }
     teller_.AwaitSilence();
+    for (;;)
+    {
+        // Its changes wake the worker, and us with it.
+        const bool connected = session_->Status().state == SessionState::Connected;
+        const MutexLock lock(mutex_);
+        if (!busy_ || wanted_ || leavingLate_ || !connected)
+        {
+            return;
+        }
+        changed_.WaitUntil(mutex_, Clock::now() + kLongestNap);
+    }
 }
 
 void CandidateCore::ShutDown()
 {
-    std::thread worker;
-    bool workerBusy = false;
     {
         const MutexLock lock(mutex_);
         shutDown_ = true;
         changed_.NotifyAll();
+    }
+    Stop();
+    std::thread worker;
+    bool workerBusy = false;
+    {
+        const MutexLock lock(mutex_);
         workerBusy = busy_;
         worker = std::move(worker_);
     }
@@ -172,13 +182,13 @@ void CandidateCore::ShutDown()
 
 BootClock::duration CandidateCore::LeaseLeft() const noexcept
 {
-    const BootClock::time_point end = lease_.End();
+    const BootClock::time_point end = lease_->End();
     return end - session_->Now();
 }
 
 bool CandidateCore::Stands(std::uint64_t stay) const noexcept
 {
-    const BootClock::time_point end = lease_.EndOf(stay);
+    const BootClock::time_point end = lease_->EndOf(stay);
     return session_->Now() < end;
 }
 
@@ -213,7 +223,8 @@ Role CandidateCore::WaitForChange(Role from, milliseconds timeout)
 template <typename Condition>
 Role CandidateCore::AwaitRole(const Condition& condition, milliseconds timeout)
 {
-    const Clock::time_point end = Clock::now() + timeout;
+    constexpr milliseconds kForever = std::chrono::hours(24 * 365);
+    const Clock::time_point end = Clock::now() + std::min(timeout, kForever);
     const Access access(*this);
     for (;;)
     {
@@ -300,7 +311,7 @@ void CandidateCore::EndStay(LossReason reason)
         return;
     }
     stay_.over = reason;
-    lease_.Revoke();
+    lease_->Revoke();
     if (wanted_ && stay_.joined && !options_.rejoin)
     {
         wanted_ = false;
@@ -314,7 +325,7 @@ void CandidateCore::NoticeLapse()
 {
     if (role_ == Role::Leader && !IsLeader())
     {
-        EndStay(LossReason::LeaseRanOut);
+        EndStay(lease_->SessionEnded(stay_.session) ? LossReason::SessionExpired : LossReason::LeaseRanOut);
     }
 }
 
@@ -346,11 +357,17 @@ milliseconds CandidateCore::KeepWatch()
 
 void CandidateCore::OnSession()
 {
+    std::uint64_t stay = 0;
+    {
+        const MutexLock lock(mutex_);
+        stay = stay_.number;
+    }
     // What is known now, rather than what was told: calls may come late, of states before this stay.
     const SessionStatus status = session_->Status();
     const Access access(*this);
-    if (stay_.number != 0 && (status.sessionId != stay_.session || status.state == SessionState::Expired ||
-                              status.state == SessionState::Closed))
+    if (stay != 0 && stay == stay_.number &&
+        (status.sessionId != stay_.session || status.state == SessionState::Expired ||
+         status.state == SessionState::Closed))
     {
         NoticeLapse();
         EndStay(LossReason::SessionExpired);
@@ -358,30 +375,13 @@ void CandidateCore::OnSession()
     WakeWorker();
 }
 
-void CandidateCore::OnFirst(std::uint64_t stay)
+void CandidateCore::OnPosition(std::uint64_t stay, std::size_t position)
 {
     const Access access(*this);
-    if (stay_.number != stay || stay_.over)
+    if (stay_.number == stay)
     {
-        return;
-    }
-    stay_.first = true;
-    stay_.second = false;
-    WakeWorker();
-}
-
-void CandidateCore::OnSecond(std::uint64_t stay)
-{
-    const Access access(*this);
-    if (stay_.number != stay || stay_.over || stay_.led)
-    {
-        return;
-    }
-    stay_.first = false;
-    stay_.second = true;
-    if (stay_.joined)
-    {
-        SetRole(RoleInQueue(), LossReason::Displaced);
+        ++stay_.findings;
+        TakePosition(position);
     }
 }
 
@@ -397,8 +397,8 @@ void CandidateCore::OnNews(std::uint64_t stay)
 
 GuardedWrite CandidateCore::Write(std::uint64_t stay, const std::vector<Operation>& operations)
 {
-    constexpr std::size_t kGuards = 2;
     std::vector<Operation> guarded;
+    std::int64_t session = 0;
     {
         const Access access(*this);
         NoticeLapse();
@@ -406,29 +406,37 @@ GuardedWrite CandidateCore::Write(std::uint64_t stay, const std::vector<Operatio
         {
             return {GuardedWrite::Outcome::NotLeading};
         }
-        guarded = {Operation::Check(stay_.path), Operation::Check(stay_.identityPath)};
+        guarded = stay_.guards;
+        session = stay_.session;
     }
+    const std::size_t guards = guarded.size();
     guarded.insert(guarded.end(), operations.begin(), operations.end());
 
     TransactionResult result;
-    const int rc = session_->Transact(guarded, result);
+    const int rc = session_->TransactIn(session, guarded, result);
     if (rc == ZOK)
     {
-        result.created.erase(result.created.begin(), result.created.begin() + kGuards);
-        return {GuardedWrite::Outcome::Applied, 0, ZOK, std::string(), std::move(result.created)};
+        result.created.erase(result.created.begin(), result.created.begin() + static_cast<std::ptrdiff_t>(guards));
+        return {GuardedWrite::Outcome::Applied, std::nullopt, ZOK, std::string(), std::move(result.created)};
     }
-    if (result.refused && *result.refused < kGuards)
+    if (result.refused && *result.refused < guards)
     {
-        OnNews(stay);
+        // The servers know better.
+        OnSession();
+        const Access access(*this);
+        if (stay_.number == stay)
+        {
+            EndStay(LossReason::NodeDeleted);
+        }
         return {GuardedWrite::Outcome::NotLeading};
     }
     if (result.refused)
     {
-        return {GuardedWrite::Outcome::Refused, *result.refused - kGuards, rc, zerror(rc)};
+        return {GuardedWrite::Outcome::Refused, *result.refused - guards, rc, zerror(rc)};
     }
-    // Refused before it was sent.
-    const bool unsent = rc == ZBADARGUMENTS;
-    return {unsent ? GuardedWrite::Outcome::Refused : GuardedWrite::Outcome::Unknown, 0, rc, zerror(rc)};
+    // The only code that says by itself that nothing was sent.
+    const auto outcome = rc == ZBADARGUMENTS ? GuardedWrite::Outcome::Refused : GuardedWrite::Outcome::Unknown;
+    return {outcome, std::nullopt, rc, zerror(rc)};
 }
 
 }  // namespace kx::velmor

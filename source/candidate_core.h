@@ -52,7 +52,7 @@ public:
     const std::string& Identity() const noexcept { return signature_.identity; }
     std::string Error() const;
 
-    /// Ends the threads, on which it may be called. After `Stop`, once.
+    /// Stops for good, and ends the threads, on which it may be called. Once.
     void ShutDown();
 
     // See `Leadership`.
@@ -72,6 +72,8 @@ private:
 
         bool first = false;
         bool second = false;
+        /// Counts what the recipe found.
+        int findings = 0;
         /// Something has changed since the worker looked.
         bool news = false;
 
@@ -80,9 +82,9 @@ private:
         bool joined = false;
         bool led = false;
         std::string node{};
-        std::string path{};
-        std::string identityPath{};
         std::int64_t epoch = 0;
+        /// What holds on the servers only while it leads.
+        std::vector<Operation> guards{};
 
         /// Set once it is to be left.
         std::optional<LossReason> over{};
@@ -125,8 +127,9 @@ private:
     /// What the teller looks after.
     std::chrono::milliseconds KeepWatch();
     void OnSession();
-    void OnFirst(std::uint64_t stay);
-    void OnSecond(std::uint64_t stay);
+    void OnFirst(std::uint64_t stay) { OnPosition(stay, 0); }
+    void OnSecond(std::uint64_t stay) { OnPosition(stay, 1); }
+    void OnPosition(std::uint64_t stay, std::size_t position);
     void OnNews(std::uint64_t stay);
 
     // The worker: candidate_worker.cpp
@@ -151,11 +154,12 @@ private:
     /// Returns when to try again, unless there is news before.
     BootClock::time_point Claim(QueuePlace& place);
     /// False when the servers were not heard from for so long that it cannot.
-    bool Lead();
+    bool Lead(const QueuePlace& place);
     void Look(QueuePlace& place);
-    void Judge(std::optional<std::size_t> position) KX_REQUIRES(mutex_);
+    /// Takes up a position in the queue, which may be none.
+    void TakePosition(std::optional<std::size_t> position) KX_REQUIRES(mutex_);
     void Leave(QueuePlace& place);
-    /// What can never succeed stops the candidate.
+    /// Logs what went wrong. What can never succeed stops the candidate.
     void Report(const std::string& what, const std::exception& error);
     /// False when it is to stop.
     bool Pause(std::chrono::milliseconds delay);
@@ -168,14 +172,13 @@ private:
     const CandidateOptions options_;
     const Signature signature_;
 
-    Lease lease_;
+    /// Also held by what the session calls on its own threads, where nothing bigger may go.
+    const std::shared_ptr<Lease> lease_;
     Teller teller_;
 
     // Of the worker alone.
 
     Backoff rejoining_;
-    /// How many looks in a row have found the recipe behind the times.
-    int outdatedLooks_ = 0;
 
     mutable Mutex mutex_;
     /// Notified of every change below.
@@ -186,9 +189,11 @@ private:
     std::string electionPath_ KX_GUARDED_BY(mutex_);
     /// Started, and neither stopped nor failed since.
     bool wanted_ KX_GUARDED_BY(mutex_) = false;
+    /// Started since the worker looked last.
+    bool startedAnew_ KX_GUARDED_BY(mutex_) = false;
     /// The worker takes part, or has not left yet.
     bool busy_ KX_GUARDED_BY(mutex_) = false;
-    /// No server could be told of the leaving: nobody waits for it any longer.
+    /// No server can be told of the leaving: nobody waits for it any longer.
     bool leavingLate_ KX_GUARDED_BY(mutex_) = false;
     /// The worker is to look what there is to do.
     bool awake_ KX_GUARDED_BY(mutex_) = false;

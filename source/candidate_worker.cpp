@@ -60,12 +60,10 @@ void CandidateCore::Work()
     };
     const Registration states = session_->OnStateChange([awaken](const SessionStatus&) { awaken(); });
     const Registration jumps = session_->OnClockJump(awaken);
-    const Registration hearing = session_->OnHeard([weak](std::int64_t session, BootClock::time_point lastHeard) {
-        if (const auto self = weak.lock())
-        {
-            self->lease_.Extend(session, lastHeard, self->session_->Now());
-        }
-    });
+    const Registration hearing = session_->OnHeard(
+        [lease = lease_](std::int64_t session, BootClock::time_point lastHeard) { lease->Extend(session, lastHeard); });
+    const Registration endings =
+        session_->OnEnding([lease = lease_](std::int64_t session) { lease->EndSession(session); });
 
     for (;;)
     {
@@ -80,7 +78,6 @@ void CandidateCore::Work()
                 return;
             }
             busy_ = true;
-            leavingLate_ = false;
         }
         TakePart();
         const MutexLock lock(mutex_);
@@ -92,21 +89,27 @@ void CandidateCore::Work()
 void CandidateCore::TakePart()
 {
     rejoining_.Reset();
+    {
+        const MutexLock lock(mutex_);
+        startedAnew_ = false;
+    }
     while (const std::optional<std::int64_t> session = AwaitSession())
     {
         const BootClock::time_point joined = session_->Now();
         StayInQueue(*session);
-        if (session_->Now() - joined >= SessionTimeout())
+        milliseconds delay{0};
         {
-            rejoining_.Reset();
-        }
-        const milliseconds delay = rejoining_.Next();
-        {
+            const bool lasted = session_->Now() - joined >= SessionTimeout();
             const Access access(*this);
             if (!wanted_)
             {
                 return;
             }
+            if (std::exchange(startedAnew_, false) || lasted)
+            {
+                rejoining_.Reset();
+            }
+            delay = rejoining_.Next();
             Log(LogLevel::Info, "Candidate " + signature_.identity + " joins " + electionPath_ + " again in " +
                                     std::to_string(delay.count()) + " ms");
         }
@@ -146,13 +149,17 @@ void CandidateCore::StayInQueue(std::int64_t session)
     std::string electionPath;
     {
         const MutexLock lock(mutex_);
+        if (!wanted_)
+        {
+            return;
+        }
         number = ++stays_;
         stay_ = Stay{};
         stay_.number = number;
         stay_.session = session;
+        leavingLate_ = false;
         electionPath = electionPath_;
     }
-    outdatedLooks_ = 0;
     // What happened before there was a stay to note it in.
     OnSession();
 
@@ -173,9 +180,14 @@ void CandidateCore::StayInQueue(std::int64_t session)
     }
     // The next one in line begins when we have left, and so whatever the user has to finish comes first.
     teller_.AwaitSilence();
-    Leave(place);
+    // With the process about to end nobody was told, and so nothing is given up: it all goes with the session.
+    if (const ExitGate::Pass pass; pass)
+    {
+        Leave(place);
+    }
     const MutexLock lock(mutex_);
     stay_ = Stay{};
+    leavingLate_ = false;
 }
 
 bool CandidateCore::Join(QueuePlace& place)
@@ -189,22 +201,20 @@ bool CandidateCore::Join(QueuePlace& place)
         }
         place.Join();
     }
-    catch (const VelmorError& error)
+    catch (const std::exception& error)
     {
         Report("could not join", error);
         return false;
     }
     const Access access(*this);
-    stay_.node = place.Node();
-    stay_.path = place.Path();
-    stay_.identityPath = place.IdentityPath();
-    stay_.epoch = place.Epoch();
     if (stay_.over)
     {
         return false;
     }
+    stay_.node = place.Node();
+    stay_.epoch = place.Epoch();
     stay_.joined = true;
-    Log(LogLevel::Info, "Candidate " + signature_.identity + " has joined: " + stay_.path);
+    Log(LogLevel::Info, "Candidate " + signature_.identity + " has joined: " + place.Path());
     SetRole(RoleInQueue(), LossReason::Left);
     return true;
 }
@@ -219,8 +229,14 @@ void CandidateCore::HoldPlace(QueuePlace& place)
     {
         const Duty duty = AwaitDuty(claimAt, lookAt);
         const ExitGate::Pass pass;
-        if (duty == Duty::Leave || !pass)
+        if (duty == Duty::Leave)
         {
+            return;
+        }
+        if (!pass)
+        {
+            const Access access(*this);
+            EndStay(LossReason::Left);
             return;
         }
         if (duty == Duty::Claim)
@@ -231,6 +247,8 @@ void CandidateCore::HoldPlace(QueuePlace& place)
                 freshness = session_->KeepFresh();
             }
             claimAt = Claim(place);
+            // At once, since it sets up what tells of the end.
+            lookAt = BootClock::time_point();
         }
         else
         {
@@ -269,7 +287,7 @@ BootClock::time_point CandidateCore::Claim(QueuePlace& place)
         switch (place.TryToClaim())
         {
             case QueuePlace::Claim::Made:
-                return Lead() ? BootClock::time_point::max() : soon;
+                return Lead(place) ? BootClock::time_point::max() : soon;
             case QueuePlace::Claim::Taken: {
                 const Access access(*this);
                 Log(LogLevel::Info, "Candidate " + signature_.identity + " is first in " + electionPath_ +
@@ -290,14 +308,14 @@ BootClock::time_point CandidateCore::Claim(QueuePlace& place)
             }
         }
     }
-    catch (const VelmorError& error)
+    catch (const std::exception& error)
     {
         Report("could not claim the lead", error);
     }
     return soon;
 }
 
-bool CandidateCore::Lead()
+bool CandidateCore::Lead(const QueuePlace& place)
 {
     const SessionStatus status = session_->Status();
     const Access access(*this);
@@ -306,11 +324,12 @@ bool CandidateCore::Lead()
         return true;
     }
     if (status.sessionId != stay_.session || !status.lastHeard ||
-        !lease_.Grant(stay_.number, stay_.session, status.negotiatedTimeout, *status.lastHeard, session_->Now()))
+        !lease_->Grant(stay_.number, stay_.session, status.negotiatedTimeout, *status.lastHeard))
     {
         return false;
     }
     stay_.led = true;
+    stay_.guards = place.Guards();
     SetRole(Role::Leader, LossReason::Left);
     teller_.Wake();
     return true;
@@ -318,25 +337,38 @@ bool CandidateCore::Lead()
 
 void CandidateCore::Look(QueuePlace& place)
 {
+    int findings = 0;
+    {
+        const MutexLock lock(mutex_);
+        findings = stay_.findings;
+    }
     try
     {
         const std::optional<std::size_t> position = place.Look();
+        OnSession();
         const Access access(*this);
-        Judge(position);
+        if (position && findings != stay_.findings)
+        {
+            // What the recipe found meanwhile may be newer.
+            stay_.news = true;
+            return;
+        }
+        TakePosition(position);
     }
-    catch (const VelmorError& error)
+    catch (const std::exception& error)
     {
         // The state of the session says whether that matters.
         Report("could not look at the queue", error);
     }
 }
 
-void CandidateCore::Judge(std::optional<std::size_t> position)
+void CandidateCore::TakePosition(std::optional<std::size_t> position)
 {
     if (stay_.over)
     {
         return;
     }
+    NoticeLapse();
     if (!position)
     {
         EndStay(LossReason::NodeDeleted);
@@ -350,40 +382,41 @@ void CandidateCore::Judge(std::optional<std::size_t> position)
         }
         return;
     }
-    // Somebody came to stand ahead, of which the recipe does not hear.
-    stay_.first = stay_.first && *position == 0;
-    stay_.second = stay_.second && *position == 1;
-    SetRole(RoleInQueue(), LossReason::Displaced);
-
-    // A check of the recipe's that failed for want of an answer comes again with the next event only, which may never
-    // come when the one that began it was the last.
-    const bool outdated = (*position == 0 && !stay_.first) || (*position == 1 && !stay_.second);
-    outdatedLooks_ = outdated ? outdatedLooks_ + 1 : 0;
-    constexpr int kPatience = 2;
-    if (outdatedLooks_ >= kPatience)
+    // Found by the recipe, or by a look: a check of the recipe's that got no answer is not repeated, and of somebody
+    // who came to stand ahead it does not hear.
+    stay_.first = *position == 0;
+    stay_.second = *position == 1;
+    if (stay_.joined)
     {
-        Log(LogLevel::Warning, "Candidate " + signature_.identity + " has missed its turn in " + electionPath_);
-        EndStay(LossReason::Displaced);
+        SetRole(RoleInQueue(), LossReason::Displaced);
     }
+    WakeWorker();
 }
 
 void CandidateCore::Leave(QueuePlace& place)
 {
+    constexpr int kTriesWithCompany = 3;
     Backoff retrying(options_.firstRejoinDelay, options_.mostRejoinDelay);
-    for (;;)
+    for (int tries = 1;; ++tries)
     {
         try
         {
             place.Leave();
             return;
         }
-        catch (const VelmorError& error)
+        catch (const std::exception& error)
         {
-            KX_LOG(LogLevel::Warning, ElectionLog())
-                << "Candidate " << signature_.identity << " could not take back its nodes yet: " << error.what();
+            const bool refused = CanNeverSucceed(error);
+            KX_LOG(refused ? LogLevel::Error : LogLevel::Warning, ElectionLog())
+                << "Candidate " << signature_.identity << " could not take back its nodes" << (refused ? "" : " yet")
+                << ": " << error.what();
+            if (refused)
+            {
+                return;
+            }
         }
         const MutexLock lock(mutex_);
-        leavingLate_ = true;
+        leavingLate_ = tries >= kTriesWithCompany;
         changed_.NotifyAll();
         AwaitNews(session_->Now() + retrying.Next());
     }

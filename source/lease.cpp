@@ -5,7 +5,7 @@
 namespace kx::velmor {
 
 bool Lease::Grant(std::uint64_t leadership, std::int64_t session, std::chrono::milliseconds sessionTimeout,
-                  BootClock::time_point lastHeard, BootClock::time_point now)
+                  BootClock::time_point lastHeard)
 {
     const MutexLock lock(mutex_);
     end_ = 0;
@@ -13,7 +13,7 @@ bool Lease::Grant(std::uint64_t leadership, std::int64_t session, std::chrono::m
     session_ = session;
     length_ = Length(sessionTimeout);
     const BootClock::time_point end = lastHeard + length_;
-    if (end <= now)
+    if (session == ended_ || end <= now_())
     {
         return false;
     }
@@ -21,10 +21,10 @@ bool Lease::Grant(std::uint64_t leadership, std::int64_t session, std::chrono::m
     return true;
 }
 
-void Lease::Extend(std::int64_t session, BootClock::time_point lastHeard, BootClock::time_point now)
+void Lease::Extend(std::int64_t session, BootClock::time_point lastHeard)
 {
     const MutexLock lock(mutex_);
-    if (session == session_ && now < End())
+    if (session == session_ && now_() < End())
     {
         Set(std::max(End(), lastHeard + length_));
     }
@@ -34,6 +34,22 @@ void Lease::Revoke()
 {
     const MutexLock lock(mutex_);
     end_ = 0;
+}
+
+void Lease::EndSession(std::int64_t session)
+{
+    const MutexLock lock(mutex_);
+    ended_ = session;
+    if (session == session_)
+    {
+        end_ = 0;
+    }
+}
+
+bool Lease::SessionEnded(std::int64_t session) const
+{
+    const MutexLock lock(mutex_);
+    return session == ended_;
 }
 
 BootClock::time_point Lease::EndOf(std::uint64_t leadership) const noexcept

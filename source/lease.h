@@ -7,6 +7,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <utility>
 
 namespace kx::velmor {
 
@@ -24,15 +26,24 @@ public:
     /// The part of a session timeout that counts as certain.
     static std::chrono::milliseconds Length(std::chrono::milliseconds sessionTimeout) { return sessionTimeout * 2 / 3; }
 
-    /// From now on `leadership` has the lease, while `session` was heard at `lastHeard`. False, with no lease to
-    /// anybody, when that has run out by `now`.
-    bool Grant(std::uint64_t leadership, std::int64_t session, std::chrono::milliseconds sessionTimeout,
-               BootClock::time_point lastHeard, BootClock::time_point now);
+    using Now = std::function<BootClock::time_point()>;
 
-    /// `session` was heard again. A lease that has run out by `now` stays so: its end may have been seen.
-    void Extend(std::int64_t session, BootClock::time_point lastHeard, BootClock::time_point now);
+    /// `now` must not block.
+    explicit Lease(Now now) : now_(std::move(now)) {}
+
+    /// From now on `leadership` has the lease, while `session` was heard at `lastHeard`. False, with no lease to
+    /// anybody, when that has run out, or the session has ended.
+    bool Grant(std::uint64_t leadership, std::int64_t session, std::chrono::milliseconds sessionTimeout,
+               BootClock::time_point lastHeard);
+
+    /// `session` was heard again. A lease that has run out stays so: its end may have been seen.
+    void Extend(std::int64_t session, BootClock::time_point lastHeard);
 
     void Revoke();
+
+    /// `session` is over: revokes its lease, and grants it none any more.
+    void EndSession(std::int64_t session);
+    bool SessionEnded(std::int64_t session) const;
 
     /// Nobody has it once the clock shows this. The clock must be read after this call: a process may be stopped
     /// between the two for any length of time.
@@ -49,7 +60,10 @@ private:
     /// Changes only while there is no lease.
     std::atomic<std::uint64_t> leadership_{0};
 
-    Mutex mutex_;
+    const Now now_;
+
+    mutable Mutex mutex_;
+    std::int64_t ended_ KX_GUARDED_BY(mutex_) = 0;
     std::int64_t session_ KX_GUARDED_BY(mutex_) = 0;
     std::chrono::milliseconds length_ KX_GUARDED_BY(mutex_){0};
 };

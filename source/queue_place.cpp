@@ -30,6 +30,19 @@ void RequireGone(int rc)
     }
 }
 
+/// A watch that tells of the node's next event, and of none of the session's.
+Connection::WatchCallback Once(std::shared_ptr<std::atomic<bool>> watching, std::function<void()> news)
+{
+    return
+        [watching = std::move(watching), news = std::move(news)](int type, int /*state*/, const std::string& /*path*/) {
+            if (type != ZOO_SESSION_EVENT)
+            {
+                *watching = false;
+                news();
+            }
+        };
+}
+
 }  // namespace
 
 QueuePlace::QueuePlace(std::shared_ptr<ElectionSession> session, std::string electionPath, std::int64_t sessionId,
@@ -40,9 +53,14 @@ QueuePlace::QueuePlace(std::shared_ptr<ElectionSession> session, std::string ele
       sessionId_(sessionId),
       signature_(Encode(signature)),
       instance_(std::move(signature.instance)),
-      events_(std::move(events)),
-      watchingNode_(std::make_shared<std::atomic<bool>>(false))
+      events_(std::move(events))
 {}
+
+QueuePlace::~QueuePlace()
+{
+    // A watch that the recipe left armed holds the recipe, which holds the watch.
+    connection_->DropCallbacks();
+}
 
 void QueuePlace::Join()
 {
@@ -51,7 +69,12 @@ void QueuePlace::Join()
     recipe_->Start();
     node_ = recipe_->Name();
     path_ = electionPath_ + "/" + node_;
-    WatchNode();
+    const Stat stat = WatchNode();
+    if (stat.ephemeralOwner != sessionId_)
+    {
+        throw ZooError(ZSESSIONEXPIRED);
+    }
+    epoch_ = stat.czxid;
     MakeIdentity();
 }
 
@@ -77,53 +100,54 @@ void QueuePlace::RefuseCompany() const
     }
 }
 
-void QueuePlace::WatchNode()
+Stat QueuePlace::WatchNode()
 {
     // Before the request, since the event may overtake the answer.
     *watchingNode_ = true;
     Stat stat{};
-    auto [rc, handle] = session_->Exists(
-        path_,
-        [watching = watchingNode_, news = events_.news](int type, int /*state*/, const std::string& /*path*/) {
-            if (type != ZOO_SESSION_EVENT)
-            {
-                *watching = false;
-                news();
-            }
-        },
-        &stat);
+    auto [rc, handle] = session_->Exists(path_, Once(watchingNode_, events_.news), &stat);
     nodeWatch_ = std::move(handle);
     if (rc != ZOK)
     {
         *watchingNode_ = false;
         throw ZooError(rc);
     }
-    if (stat.ephemeralOwner != sessionId_)
-    {
-        throw ZooError(ZSESSIONEXPIRED);
-    }
-    epoch_ = stat.czxid;
+    return stat;
 }
 
 void QueuePlace::MakeIdentity()
 {
-    EnsurePath(*session_, IdentitiesPath(electionPath_), false, ZOO_OPEN_ACL_UNSAFE);
+    EnsurePath(*connection_, IdentitiesPath(electionPath_), false, ZOO_OPEN_ACL_UNSAFE);
     identityPath_ = kx::velmor::IdentityPath(electionPath_, node_, sessionId_);
-    hasIdentity_ = true;
-    const int rc = session_->Create(identityPath_, signature_, ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr);
+    mayHaveIdentity_ = true;
+    TransactionResult result;
+    const int rc =
+        session_->TransactIn(sessionId_, {Operation::Create(identityPath_, signature_, NodeMode::Ephemeral)}, result);
     if (rc != ZNODEEXISTS)
     {
         Require(rc);
         return;
     }
-    // From an attempt whose reply was lost.
-    std::string data;
-    Require(session_->GetData(identityPath_, data, nullptr));
-    if (data != signature_)
+    // From an attempt whose reply was lost; or the recipe has found the node of another candidate of this session.
+    if (!HaveIdentity())
     {
-        hasIdentity_ = false;
+        mayHaveIdentity_ = false;
+        node_.clear();
+        recipe_ = nullptr;
         throw VelmorError("Another candidate of this session takes part");
     }
+}
+
+bool QueuePlace::HaveIdentity() const
+{
+    std::string data;
+    const int rc = session_->GetData(identityPath_, data, nullptr);
+    if (rc == ZNONODE)
+    {
+        return false;
+    }
+    Require(rc);
+    return data == signature_;
 }
 
 QueuePlace::Claim QueuePlace::TryToClaim()
@@ -138,7 +162,9 @@ QueuePlace::Claim QueuePlace::TryToClaim()
             return Claim::Gone;
         }
         Require(read);
-        if (DecodeEpoch(last) > epoch_)
+        // What was written before it can have been reached is no epoch.
+        const std::int64_t lastEpoch = DecodeEpoch(last);
+        if (lastEpoch > epoch_ && lastEpoch < stat.mzxid)
         {
             return Claim::Outdated;
         }
@@ -148,12 +174,14 @@ QueuePlace::Claim QueuePlace::TryToClaim()
         constexpr std::size_t kClaimNode = 3;
         TransactionResult result;
         const int rc =
-            session_->Transact({Operation::Check(path_), Operation::Check(identityPath_),
-                                Operation::Set(IdentitiesPath(electionPath_), EncodeEpoch(epoch_), stat.version),
-                                Operation::Create(ClaimPath(electionPath_), signature_, NodeMode::Ephemeral)},
-                               result);
+            session_->TransactIn(sessionId_,
+                                 {Operation::Check(path_), Operation::Check(identityPath_),
+                                  Operation::Set(IdentitiesPath(electionPath_), EncodeEpoch(epoch_), stat.version),
+                                  Operation::Create(ClaimPath(electionPath_), signature_, NodeMode::Ephemeral)},
+                                 result);
         if (rc == ZOK)
         {
+            claimVersion_ = stat.version + 1;
             return Claim::Made;
         }
         if (rc == ZNONODE && result.refused && *result.refused < kOurNodes)
@@ -163,6 +191,11 @@ QueuePlace::Claim QueuePlace::TryToClaim()
         if (rc == ZNODEEXISTS && result.refused == kClaimNode)
         {
             const Claim claim = LookAtClaim();
+            if (claim == Claim::Made)
+            {
+                // From an attempt whose reply was lost, after which there was no other.
+                claimVersion_ = stat.version;
+            }
             if (claim != Claim::Gone)
             {
                 return claim;
@@ -176,65 +209,62 @@ QueuePlace::Claim QueuePlace::TryToClaim()
     }
 }
 
-/// Whose claim it is that stands; `Gone` when there is none any more. Watches another one's.
+/// Whose claim it is that stands; `Gone` when there is none any more. Watches it.
 QueuePlace::Claim QueuePlace::LookAtClaim()
 {
-    auto [rc, handle] = session_->Exists(
-        ClaimPath(electionPath_),
-        [news = events_.news](int type, int /*state*/, const std::string& /*path*/) {
-            if (type != ZOO_SESSION_EVENT)
-            {
-                news();
-            }
-        },
-        nullptr);
-    if (rc == ZNONODE)
+    if (!*watchingClaim_)
     {
-        return Claim::Gone;
+        *watchingClaim_ = true;
+        auto [rc, handle] = session_->Exists(ClaimPath(electionPath_), Once(watchingClaim_, events_.news), nullptr);
+        claimWatch_ = std::move(handle);
+        if (rc != ZOK && rc != ZNONODE)
+        {
+            *watchingClaim_ = false;
+            throw ZooError(rc);
+        }
     }
-    Require(rc);
-    // From an attempt whose reply was lost.
-    if (OurClaim())
-    {
-        return Claim::Made;
-    }
-    claimWatch_ = std::move(handle);
-    return Claim::Taken;
-}
-
-bool QueuePlace::OurClaim() const
-{
     std::string data;
     Stat stat{};
     const int rc = session_->GetData(ClaimPath(electionPath_), data, &stat);
     if (rc == ZNONODE)
     {
-        return false;
+        return Claim::Gone;
     }
     Require(rc);
-    return stat.ephemeralOwner == sessionId_ && data == signature_;
+    return stat.ephemeralOwner == sessionId_ && data == signature_ ? Claim::Made : Claim::Taken;
+}
+
+std::vector<Operation> QueuePlace::Guards() const
+{
+    return {Operation::Check(path_), Operation::Check(identityPath_),
+            Operation::Check(IdentitiesPath(electionPath_), claimVersion_.value())};
 }
 
 std::optional<std::size_t> QueuePlace::Look()
 {
-    if (!*watchingNode_)
-    {
-        Stat stat{};
-        const int rc = session_->Exists(path_, &stat);
-        if (rc == ZNONODE)
-        {
-            return std::nullopt;
-        }
-        Require(rc);
-        WatchNode();
-    }
-    std::vector<std::string> names;
-    const int rc = session_->GetChildren(electionPath_, names);
-    if (rc == ZNONODE)
+    Stat stat{};
+    const int rc = session_->Exists(path_, &stat);
+    if (rc == ZNONODE || (rc == ZOK && stat.czxid != epoch_))
     {
         return std::nullopt;
     }
     Require(rc);
+    if (!*watchingNode_)
+    {
+        WatchNode();
+    }
+    if (!HaveIdentity() || (claimVersion_ && LookAtClaim() != Claim::Made))
+    {
+        return std::nullopt;
+    }
+
+    std::vector<std::string> names;
+    const int listed = session_->GetChildren(electionPath_, names);
+    if (listed == ZNONODE)
+    {
+        return std::nullopt;
+    }
+    Require(listed);
     if (std::find(names.begin(), names.end(), node_) == names.end())
     {
         return std::nullopt;
@@ -250,52 +280,87 @@ void QueuePlace::Leave()
         const Connection::WatchHandle node = std::move(nodeWatch_);
         const Connection::WatchHandle claim = std::move(claimWatch_);
     }
-    if (!connection_->SessionOver())
+    // What was made went with the session.
+    const bool gone = connection_->SessionOver();
+    if (mayHaveClaim_ && !gone)
     {
-        if (mayHaveClaim_)
-        {
-            ReleaseClaim();
-        }
-        if (std::exchange(hasIdentity_, false))
-        {
-            RequireGone(session_->GuaranteedDelete(identityPath_));
-        }
+        ReleaseClaim();
+    }
+    if (mayHaveIdentity_ && !gone)
+    {
+        DeleteIdentity();
     }
     if (!node_.empty())
     {
         node_.clear();
         recipe_->Stop();
     }
-    else if (recipe_ && !connection_->SessionOver())
+    else if (recipe_ && !gone)
     {
         DeleteOwnNodes();
     }
 }
 
-QueuePlace::~QueuePlace()
-{
-    // A watch that the recipe left armed holds the recipe, which holds the watch.
-    connection_->DropCallbacks();
-}
-
 void QueuePlace::ReleaseClaim()
 {
-    if (OurClaim())
+    for (;;)
     {
-        // Together, so that a repetition after a lost reply cannot meet a claim that somebody else has made since: it
-        // meets no identity any more then.
-        TransactionResult result;
-        int rc =
-            session_->Transact({Operation::Delete(identityPath_), Operation::Delete(ClaimPath(electionPath_))}, result);
-        if (rc == ZNONODE && result.refused == 0U)
+        if (!claimVersion_ && !FindClaim())
         {
-            // Somebody has deleted the identity, but not the claim.
-            rc = session_->Transact({Operation::Delete(ClaimPath(electionPath_))}, result);
+            break;
         }
-        RequireGone(rc);
-        hasIdentity_ = rc != ZOK;
+        // Whoever has claimed the lead since has raised the version: a repetition after a lost reply does no harm.
+        std::vector<Operation> release{Operation::Check(IdentitiesPath(electionPath_), *claimVersion_),
+                                       Operation::Delete(ClaimPath(electionPath_))};
+        if (mayHaveIdentity_)
+        {
+            release.push_back(Operation::Delete(identityPath_));
+        }
+        TransactionResult result;
+        int rc = session_->TransactIn(sessionId_, release, result);
+        if (rc == ZNONODE && result.refused == 2U)
+        {
+            release.pop_back();
+            rc = session_->TransactIn(sessionId_, release, result);
+        }
+        if (rc == ZOK)
+        {
+            mayHaveIdentity_ = false;
+        }
+        if (rc != ZBADVERSION)
+        {
+            RequireGone(rc);
+            break;
+        }
+        // Or somebody has written there by hand.
+        claimVersion_.reset();
     }
     mayHaveClaim_ = false;
+}
+
+/// Whether there is a claim of ours, whose answer was lost or whose version is not known any more.
+bool QueuePlace::FindClaim()
+{
+    // A claim that got no answer may still be on its way. Without the identity it comes to nothing.
+    DeleteIdentity();
+    std::string last;
+    Stat stat{};
+    const int rc = session_->GetData(IdentitiesPath(electionPath_), last, &stat);
+    RequireGone(rc);
+    if (rc != ZOK || LookAtClaim() != Claim::Made)
+    {
+        return false;
+    }
+    claimVersion_ = stat.version;
+    return true;
+}
+
+void QueuePlace::DeleteIdentity()
+{
+    if (std::exchange(mayHaveIdentity_, false))
+    {
+        RequireGone(session_->GuaranteedDelete(identityPath_));
+    }
 }
 
 /// Deletes whatever node is ours: the reply to its creation may have been lost, and its name with it.
@@ -303,24 +368,17 @@ void QueuePlace::DeleteOwnNodes() const
 {
     std::vector<std::string> names;
     const int listed = session_->GetChildren(electionPath_, names);
-    if (listed == ZNONODE)
-    {
-        return;
-    }
-    Require(listed);
+    RequireGone(listed);
     for (const std::string& name : names)
     {
         const std::string path = electionPath_ + "/" + name;
         Stat stat{};
         const int rc = session_->Exists(path, &stat);
+        RequireGone(rc);
         if (rc == ZOK && stat.ephemeralOwner == sessionId_)
         {
             KX_LOG(LogLevel::Info, ElectionLog()) << "Taking back " << path;
-            session_->GuaranteedDelete(path);
-        }
-        else if (rc != ZNONODE)
-        {
-            Require(rc);
+            RequireGone(session_->GuaranteedDelete(path));
         }
     }
 }

@@ -61,29 +61,36 @@ public:
     /// Throws `VelmorError` of other kinds, too.
     void Join();
 
+    /// After `Made`, or `Gone`, there is nothing more to claim.
+
     Claim TryToClaim();
 
-    /// The index in the queue now, 0 for the first; empty when the node is gone.
+    /// The index in the queue now, 0 for the first; empty when the node is gone, or the identity, or the claim that was
+    /// made.
     std::optional<std::size_t> Look();
 
     /// Takes everything back, the claim first. What went with its session is gone already, and costs no round trip.
     /// When it throws, call it again.
     void Leave();
 
+    /// What holds only while the lead is ours; after `Made`.
+    std::vector<Operation> Guards() const;
+
     // Known after `Join`.
     const std::string& Node() const { return node_; }
     const std::string& Path() const { return path_; }
-    const std::string& IdentityPath() const { return identityPath_; }
     /// The transaction that created the node.
     std::int64_t Epoch() const { return epoch_; }
 
 private:
     void RefuseCompany() const;
-    void WatchNode();
+    Stat WatchNode();
     void MakeIdentity();
+    bool HaveIdentity() const;
     Claim LookAtClaim();
-    bool OurClaim() const;
+    void DeleteIdentity();
     void ReleaseClaim();
+    bool FindClaim();
     void DeleteOwnNodes() const;
 
     const std::shared_ptr<ElectionSession> session_;
@@ -99,12 +106,15 @@ private:
     std::string path_;
     std::string identityPath_;
     std::int64_t epoch_ = 0;
-    bool hasIdentity_ = false;
+    bool mayHaveIdentity_ = false;
     bool mayHaveClaim_ = false;
+    /// The version of the identities' parent since our claim, which every claim raises.
+    std::optional<int> claimVersion_;
     Connection::WatchHandle nodeWatch_;
     Connection::WatchHandle claimWatch_;
-    /// Cleared by the watch itself, on the event thread.
-    std::shared_ptr<std::atomic<bool>> watchingNode_;
+    // Cleared by the watches themselves, on the event thread.
+    const std::shared_ptr<std::atomic<bool>> watchingNode_ = std::make_shared<std::atomic<bool>>(false);
+    const std::shared_ptr<std::atomic<bool>> watchingClaim_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace kx::velmor

@@ -156,6 +156,11 @@ Registration Session::OnHeard(HeardListener listener)
     return core_->OnHeard(std::move(listener));
 }
 
+Registration Session::OnEnding(EndingListener listener)
+{
+    return core_->OnEnding(std::move(listener));
+}
+
 Registration Session::KeepFresh()
 {
     return core_->KeepFresh();
@@ -256,6 +261,18 @@ int Session::GuaranteedDelete(std::string path) const
 
 int Session::Transact(const std::vector<Operation>& operations, TransactionResult& result) const
 {
+    return Transact(std::nullopt, operations, result);
+}
+
+int Session::TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
+                        TransactionResult& result) const
+{
+    return Transact(sessionId, operations, result);
+}
+
+int Session::Transact(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                      TransactionResult& result) const
+{
     result = {};
     std::vector<Operation> full = operations;
     for (Operation& operation : full)
@@ -272,7 +289,7 @@ int Session::Transact(const std::vector<Operation>& operations, TransactionResul
     {
         return ZBADARGUMENTS;
     }
-    const int rc = core_->Transact(full, acl, result);
+    const int rc = core_->Transact(sessionId, full, acl, result);
     for (std::string& created : result.created)
     {
         created = created.empty() ? std::string() : RelativePath(created);

@@ -113,9 +113,11 @@ void SessionCore::Close(bool wait)
 {
     std::shared_ptr<ClientHandle> handle;
     bool first = false;
+    std::int64_t ending = 0;
     {
         const MutexLock lock(mutex_);
         first = phase_ != SessionState::Closed;
+        ending = sessionId_;
         if (first)
         {
             lastHeard_.reset();
@@ -126,6 +128,10 @@ void SessionCore::Close(bool wait)
             FinishDeletes(ZCLOSING);
             changed_.NotifyAll();
         }
+    }
+    if (first)
+    {
+        TellEnding(ending);
     }
     if (handle)
     {
@@ -165,6 +171,7 @@ void SessionCore::Close(bool wait)
     {
         // Last, since what a listener keeps alive may close the session once more when it goes.
         heardListeners_.RemoveAll();
+        endingListeners_.RemoveAll();
     }
 }
 
@@ -208,6 +215,18 @@ Registration SessionCore::OnStateChange(ElectionSession::StateListener callback)
 
 Registration SessionCore::OnHeard(ElectionSession::HeardListener callback)
 {
+    return AddListener(&SessionCore::heardListeners_, std::move(callback));
+}
+
+Registration SessionCore::OnEnding(ElectionSession::EndingListener callback)
+{
+    return AddListener(
+        &SessionCore::endingListeners_,
+        [callback = std::move(callback)](std::int64_t sessionId, BootClock::time_point) { callback(sessionId); });
+}
+
+Registration SessionCore::AddListener(HeardListeners SessionCore::*listeners, ElectionSession::HeardListener callback)
+{
     HeardListeners::Shared listener;
     {
         const MutexLock lock(mutex_);
@@ -215,14 +234,22 @@ Registration SessionCore::OnHeard(ElectionSession::HeardListener callback)
         {
             return Registration();
         }
-        listener = heardListeners_.Add(std::move(callback));
+        listener = (this->*listeners).Add(std::move(callback));
     }
-    return Registration([weak = weak_from_this(), listener] {
+    return Registration([weak = weak_from_this(), listeners, listener] {
         if (const auto self = weak.lock())
         {
-            self->heardListeners_.Remove(listener);
+            ((*self).*listeners).Remove(listener);
         }
     });
+}
+
+void SessionCore::TellEnding(std::int64_t sessionId)
+{
+    for (const HeardListeners::Shared& listener : *endingListeners_.All())
+    {
+        listener->Tell(sessionId, BootClock::time_point());
+    }
 }
 
 void SessionCore::Advance(SessionState to, const std::string& detail)
@@ -264,11 +291,25 @@ void SessionCore::EndSession(int state, const std::string& detail)
 
 void SessionCore::OnSessionEvent(std::uint64_t generation, const SessionEvent& event) noexcept
 {
-    const MutexLock lock(mutex_);
-    if (generation != generation_)
+    std::int64_t ended = 0;
     {
-        return;
+        const MutexLock lock(mutex_);
+        if (generation != generation_)
+        {
+            return;
+        }
+        const std::int64_t session = sessionId_;
+        Note(event);
+        ended = phase_ == SessionState::Expired ? session : 0;
     }
+    if (ended != 0)
+    {
+        TellEnding(ended);
+    }
+}
+
+void SessionCore::Note(const SessionEvent& event)
+{
     if (event.state == ZOO_CONNECTED_STATE)
     {
         identity_ = event.identity;

@@ -54,6 +54,7 @@ public:
     SessionStatus Status() const;
     Registration OnStateChange(ElectionSession::StateListener callback);
     Registration OnHeard(ElectionSession::HeardListener callback);
+    Registration OnEnding(ElectionSession::EndingListener callback);
     Registration KeepFresh();
 
     int Create(const std::string& path, const std::string& data, const ACL_vector& acl, int flags,
@@ -61,7 +62,9 @@ public:
     int GetChildren(const std::string& path, std::vector<std::string>& children);
     int Exists(const std::string& path, Stat* stat);
     int GetData(const std::string& path, std::string& data, Stat* stat);
-    int Transact(const std::vector<Operation>& operations, const ACL_vector& acl, TransactionResult& result);
+    /// With a `sessionId`, in that session only.
+    int Transact(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations, const ACL_vector& acl,
+                 TransactionResult& result);
     int WatchExists(const std::string& path, const WatchRegistry::State& state, Stat* stat);
     /// Waits until `deadline`, and lets the deletion go on after it.
     int GuaranteedDelete(const std::string& path, Clock::time_point deadline);
@@ -117,6 +120,9 @@ private:
     void Advance(SessionState to, const std::string& detail) KX_REQUIRES(mutex_);
     /// Ends the session of this generation: what is reported of it later is dropped, its watches are told `state`.
     void EndSession(int state, const std::string& detail) KX_REQUIRES(mutex_);
+    void TellEnding(std::int64_t sessionId) KX_EXCLUDES(mutex_);
+    Registration AddListener(HeardListeners SessionCore::*listeners, ElectionSession::HeardListener callback);
+    void Note(const SessionEvent& event) KX_REQUIRES(mutex_);
     void OnSessionEvent(std::uint64_t generation, const SessionEvent& event) noexcept override;
     void OnNodeEvent(std::uint64_t generation, int type, int state, const char* path) noexcept override;
     void OnLateWatch(std::uint64_t generation, const std::string& path) noexcept override;
@@ -165,15 +171,18 @@ private:
 
     // Operations: session_operations.cpp
 
-    /// With a `generation`, fails as soon as that one is over.
-    LiveConnection AwaitConnection(std::optional<std::uint64_t> generation, Clock::time_point deadline);
-    Answer Call(Kind kind, const std::string& path, Clock::time_point deadline, const Submission& submit);
+    /// With a `generation`, fails as soon as that one is over; with a `sessionId`, as soon as that session is.
+    LiveConnection AwaitConnection(std::optional<std::uint64_t> generation, std::optional<std::int64_t> sessionId,
+                                   Clock::time_point deadline);
+    Answer Call(Kind kind, const std::string& path, Clock::time_point deadline, const Submission& submit,
+                std::optional<std::int64_t> sessionId = std::nullopt);
     /// One request, sent over the connection of `live`.
     Answer Attempt(Kind kind, const LiveConnection& live, const std::string& path, Clock::time_point deadline,
                    const Submission& submit);
     Answer CreateOnce(const std::string& path, const std::string& data, const ACL_vector& acl, int flags,
                       Clock::time_point deadline);
-    Answer TransactOnce(const std::vector<Operation>& operations, const ACL_vector& acl, Clock::time_point deadline);
+    Answer TransactOnce(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                        const ACL_vector& acl, Clock::time_point deadline);
     /// Whether a creation of `path` that found no parent is to be repeated once the root is there.
     bool MissesRoot(const std::string& path) const;
     /// False when there is no room for another watched path.
@@ -207,6 +216,8 @@ private:
     WatchRegistry watches_;
     StateListeners listeners_;
     HeardListeners heardListeners_;
+    /// Told no time.
+    HeardListeners endingListeners_;
 
     /// The delays between attempts to open a handle. Of the keeper alone.
     Backoff reopening_;

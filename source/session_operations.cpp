@@ -63,10 +63,11 @@ SessionCore::Answer SessionCore::CreateOnce(const std::string& path, const std::
     });
 }
 
-int SessionCore::Transact(const std::vector<Operation>& operations, const ACL_vector& acl, TransactionResult& result)
+int SessionCore::Transact(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                          const ACL_vector& acl, TransactionResult& result)
 {
     const Clock::time_point deadline = Deadline();
-    Answer answer = TransactOnce(operations, acl, deadline);
+    Answer answer = TransactOnce(sessionId, operations, acl, deadline);
     const std::optional<std::size_t> refused = answer.request ? answer.request->refused : std::nullopt;
     if (answer.rc == ZNONODE && refused)
     {
@@ -79,7 +80,7 @@ int SessionCore::Transact(const std::vector<Operation>& operations, const ACL_ve
                 result.refused = Answered(rc) ? refused : std::nullopt;
                 return rc;
             }
-            answer = TransactOnce(operations, acl, deadline);
+            answer = TransactOnce(sessionId, operations, acl, deadline);
         }
     }
     if (answer.rc == ZOK)
@@ -93,13 +94,16 @@ int SessionCore::Transact(const std::vector<Operation>& operations, const ACL_ve
     return answer.rc;
 }
 
-SessionCore::Answer SessionCore::TransactOnce(const std::vector<Operation>& operations, const ACL_vector& acl,
+SessionCore::Answer SessionCore::TransactOnce(std::optional<std::int64_t> sessionId,
+                                              const std::vector<Operation>& operations, const ACL_vector& acl,
                                               Clock::time_point deadline)
 {
-    return Call(Kind::Write, operations.front().path, deadline,
-                [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
-                    return handle.Transact(request, operations, acl);
-                });
+    return Call(
+        Kind::Write, operations.front().path, deadline,
+        [&](ClientHandle& handle, const std::shared_ptr<Request>& request) {
+            return handle.Transact(request, operations, acl);
+        },
+        sessionId);
 }
 
 bool SessionCore::MissesRoot(const std::string& path) const
@@ -215,14 +219,14 @@ Clock::time_point SessionCore::Deadline() const
 }
 
 SessionCore::Answer SessionCore::Call(Kind kind, const std::string& path, Clock::time_point deadline,
-                                      const Submission& submit)
+                                      const Submission& submit, std::optional<std::int64_t> sessionId)
 {
     std::optional<std::uint64_t> generation;
     std::optional<Backoff> backoff;
     DropReleasedWatches();
     for (;;)
     {
-        const LiveConnection live = AwaitConnection(generation, deadline);
+        const LiveConnection live = AwaitConnection(generation, sessionId, deadline);
         if (live.rc != ZOK)
         {
             return {live.rc, nullptr};
@@ -271,6 +275,7 @@ SessionCore::Answer SessionCore::Attempt(Kind kind, const LiveConnection& live, 
 }
 
 SessionCore::LiveConnection SessionCore::AwaitConnection(std::optional<std::uint64_t> generation,
+                                                         std::optional<std::int64_t> sessionId,
                                                          Clock::time_point deadline)
 {
     const MutexLock lock(mutex_);
@@ -286,7 +291,7 @@ SessionCore::LiveConnection SessionCore::AwaitConnection(std::optional<std::uint
             return {ZCLOSING, nullptr, 0, 0, false};
         }
         // What was asked in one session must not be answered by the next.
-        if (generation.value_or(generation_) != generation_)
+        if (generation.value_or(generation_) != generation_ || sessionId.value_or(sessionId_) != sessionId_)
         {
             return {ZSESSIONEXPIRED, nullptr, 0, 0, false};
         }

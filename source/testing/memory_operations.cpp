@@ -139,13 +139,18 @@ int MemoryServiceCore::GuaranteedDelete(Record& session, const std::string& path
     return rc;
 }
 
-int MemoryServiceCore::Transact(Record& session, const std::vector<Operation>& operations, TransactionResult& result)
+int MemoryServiceCore::Transact(Record& session, std::optional<std::int64_t> sessionId,
+                                const std::vector<Operation>& operations, TransactionResult& result)
 {
     DropReleasedWatches(session);
     AllHeard heard;
     int rc = ZOK;
     {
         const MutexLock lock(mutex_);
+        if (sessionId.value_or(session.status.sessionId) != session.status.sessionId)
+        {
+            return ZSESSIONEXPIRED;
+        }
         rc = Reach(session, std::string());
         if (rc == ZOK)
         {

@@ -48,6 +48,7 @@ std::shared_ptr<MemorySessionRecord> MemoryServiceCore::Open(MemorySessionOption
 void MemoryServiceCore::Expire(Record& session)
 {
     AllHeard heard;
+    const std::int64_t before = Status(session).sessionId;
     {
         const MutexLock lock(mutex_);
         EndSession(session.status.sessionId);
@@ -57,6 +58,7 @@ void MemoryServiceCore::Expire(Record& session)
             Reconnect(session, heard);
         }
     }
+    TellEnding(session, before);
     Tell(heard);
 }
 
@@ -72,6 +74,7 @@ void MemoryServiceCore::Cut(Record& session)
 void MemoryServiceCore::Heal(Record& session)
 {
     AllHeard heard;
+    const std::int64_t before = Status(session).sessionId;
     {
         const MutexLock lock(mutex_);
         if (session.status.state == SessionState::Suspended)
@@ -79,7 +82,17 @@ void MemoryServiceCore::Heal(Record& session)
             Reconnect(session, heard);
         }
     }
+    TellEnding(session, before);
     Tell(heard);
+}
+
+/// Unless the session is still that one.
+void MemoryServiceCore::TellEnding(const Record& session, std::int64_t before) const
+{
+    if (Status(session).sessionId != before)
+    {
+        session.endings.Tell(before);
+    }
 }
 
 void MemoryServiceCore::LoseReply(Record& session)
@@ -128,6 +141,8 @@ void MemoryServiceCore::Advance(BootClock::duration time)
 void MemoryServiceCore::Close(Record& session, bool wait)
 {
     bool first = false;
+    // Before its nodes go.
+    session.endings.Tell(Status(session).sessionId);
     {
         const MutexLock lock(mutex_);
         first = session.status.state != SessionState::Closed;

@@ -47,6 +47,7 @@ struct MemorySessionRecord : std::enable_shared_from_this<MemorySessionRecord>
     WatchRegistry watches{};
     StateListeners listeners{};
     ListenerList<std::int64_t, BootClock::time_point> heard{};
+    ListenerList<std::int64_t> endings{};
 
     // Guarded by the service's mutex.
 
@@ -104,7 +105,9 @@ public:
     int Look(Record& session, const std::string& path, NodeTree::Node& node);
     int Watch(Record& session, const std::string& path, const WatchRegistry::State& state, NodeTree::Node& node);
     int GuaranteedDelete(Record& session, const std::string& path);
-    int Transact(Record& session, const std::vector<Operation>& operations, TransactionResult& result);
+    /// With a `sessionId`, in that session only.
+    int Transact(Record& session, std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                 TransactionResult& result);
 
 private:
     /// A session that was heard from, which its listeners are told once the lock is released.
@@ -136,6 +139,7 @@ private:
     void EndSession(std::int64_t id) KX_REQUIRES(mutex_);
     /// The service knows since now that it lives.
     void NoteHeard(Record& session, AllHeard& heard) KX_REQUIRES(mutex_);
+    void TellEnding(const Record& session, std::int64_t before) const;
     void RefreshIfDue(Record& session, AllHeard& heard) KX_REQUIRES(mutex_);
     BootClock::time_point NextDue() const KX_REQUIRES(mutex_);
     void DoWhatIsDue(AllHeard& heard) KX_REQUIRES(mutex_);

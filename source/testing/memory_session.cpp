@@ -48,6 +48,11 @@ Registration MemorySession::OnHeard(HeardListener listener)
     return record_->heard.Add(std::move(listener));
 }
 
+Registration MemorySession::OnEnding(EndingListener listener)
+{
+    return record_->endings.Add(std::move(listener));
+}
+
 Registration MemorySession::KeepFresh()
 {
     return record_->service->KeepFresh(*record_);
@@ -157,6 +162,18 @@ int MemorySession::GetData(std::string path, std::string& data, Stat* stat) cons
 
 int MemorySession::Transact(const std::vector<Operation>& operations, TransactionResult& result) const
 {
+    return Transact(std::nullopt, operations, result);
+}
+
+int MemorySession::TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
+                              TransactionResult& result) const
+{
+    return Transact(sessionId, operations, result);
+}
+
+int MemorySession::Transact(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                            TransactionResult& result) const
+{
     result = TransactionResult();
     if (operations.empty())
     {
@@ -174,7 +191,7 @@ int MemorySession::Transact(const std::vector<Operation>& operations, Transactio
         }
         operation.path = record_->InTree(operation.path, sequential);
     }
-    const int rc = record_->service->Transact(*record_, inTree, result);
+    const int rc = record_->service->Transact(*record_, sessionId, inTree, result);
     for (std::string& created : result.created)
     {
         created = Relative(*record_, created);

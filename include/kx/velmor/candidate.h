@@ -72,8 +72,8 @@ struct GuardedWrite
     explicit operator bool() const noexcept { return outcome == Outcome::Applied; }
 
     Outcome outcome = Outcome::Unknown;
-    /// `Refused`: the index of the operation.
-    std::size_t refused = 0;
+    /// `Refused`: the index of the operation; empty when all together could not even be sent.
+    std::optional<std::size_t> refused{};
     /// Except for `Applied` and `NotLeading`: the ZooKeeper code, and its text.
     int code = 0;
     std::string error{};
@@ -172,9 +172,9 @@ public:
     /// Leaves the election. A leader's `onLeaderLost` has returned before its node is deleted, so that the next one
     /// does not begin before this one has finished. Does nothing on a candidate that takes no part.
     ///
-    /// Blocks until callbacks have returned and the node is deleted, or cannot be for want of a server (it goes in the
-    /// background then, or with the session). In a callback of this candidate it does not block: all of that happens
-    /// when the callback has returned.
+    /// Blocks until callbacks have returned and the node is deleted, or cannot be for want of a connection (it goes in
+    /// the background then, or with the session, which is kept open for that). In a callback of this candidate it does
+    /// not block: all of that happens when the callback has returned.
     void Stop();
 
     /// Whether this candidate leads: true only while no server can have ended its session, so that nobody else can

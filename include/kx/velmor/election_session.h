@@ -25,6 +25,7 @@ public:
     using StateListener = std::function<void(const SessionStatus&)>;
     /// Told the session's number and its new `SessionStatus::lastHeard`.
     using HeardListener = std::function<void(std::int64_t sessionId, BootClock::time_point lastHeard)>;
+    using EndingListener = std::function<void(std::int64_t sessionId)>;
 
     /// What is known now. Does not block.
     virtual SessionStatus Status() const = 0;
@@ -40,9 +41,15 @@ public:
     /// gets its answer. Cancelling is as above.
     ///
     /// Calls come on a thread that keeps the session alive: a listener must neither block nor throw nor call the
-    /// session. They are not in order with changes of the state, so the session's number says which one was heard. Does
-    /// not block.
+    /// session, except `Now`. They are not in order with changes of the state, so the session's number says which one
+    /// was heard. Does not block.
     virtual Registration OnHeard(HeardListener listener) = 0;
+
+    /// Tells `listener` the session's number when it is over: as soon as that is known, and before anything of it is
+    /// sent to the servers when the session is closed here, so that nobody can follow its owner sooner than its owner
+    /// knows. Not told of a session that is given up because no server has answered for very long. Cancelling, threads
+    /// and what a listener may do are as for `OnHeard`.
+    virtual Registration OnEnding(EndingListener listener) = 0;
 
     /// While registered, keeps `SessionStatus::lastHeard` fresh for as long as servers answer. Any number of
     /// registrations cost as much as one. Does not block.
@@ -55,6 +62,11 @@ public:
     /// index is in `result`, nothing has changed. After every other code nothing is known, as for every change.
     /// A list without operations is `ZBADARGUMENTS`.
     virtual int Transact(const std::vector<Operation>& operations, TransactionResult& result) const = 0;
+
+    /// As `Transact`, in this session and no other: `ZSESSIONEXPIRED`, with nothing sent, once it is over, also when
+    /// another one has taken its place meanwhile.
+    virtual int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
+                           TransactionResult& result) const = 0;
 
     /// The time by which `SessionStatus::lastHeard` is measured. Does not block, takes no lock.
     virtual BootClock::time_point Now() const noexcept { return BootClock::now(); }

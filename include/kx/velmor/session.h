@@ -102,6 +102,9 @@ public:
     /// As `ElectionSession::OnHeard`. Calls come on a thread of the client library. On a closed session there is none;
     /// its listeners are destroyed.
     Registration OnHeard(HeardListener listener) override;
+    /// As `ElectionSession::OnEnding`. Calls come on the thread that closes the session, or on one of the client
+    /// library.
+    Registration OnEnding(EndingListener listener) override;
     /// As `ElectionSession::KeepFresh`. A request of the session's own is sent when connected, and another a sixth of
     /// the negotiated timeout after the last one was answered. It is a write that changes nothing (the deletion of a
     /// node that nobody makes), since reads prove nothing, and costs what a write costs: an entry in the servers' logs
@@ -126,12 +129,16 @@ public:
     /// (1 MiB), or of which one has a path that no node can have, are `ZBADARGUMENTS` before anything is sent. Nodes of
     /// the root that a creation misses are made beforehand, and stay whatever becomes of the operations.
     int Transact(const std::vector<Operation>& operations, TransactionResult& result) const override;
+    int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
+                   TransactionResult& result) const override;
     std::unique_ptr<clientid_t> ClientId() const override;
 
 private:
     explicit Session(std::shared_ptr<SessionCore> core);
 
     std::string FullPath(const std::string& path, bool sequential) const;
+    int Transact(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                 TransactionResult& result) const;
     /// The inverse of `FullPath`.
     std::string RelativePath(const std::string& fullPath) const;
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,6 +60,8 @@ public:
     /// keeps the session fresh, and on the event thread for the first of that. While the clock stands still they are
     /// told the same time again.
     Registration OnHeard(HeardListener listener) override;
+    /// As `ElectionSession::OnEnding`. Listeners run on the thread of `Close`, `Expire` or `Heal`.
+    Registration OnEnding(EndingListener listener) override;
     /// As `ElectionSession::KeepFresh`: at once, at each connection, and at every sixth of the timeout that `Advance`
     /// passes while the session is connected.
     Registration KeepFresh() override;
@@ -76,6 +79,8 @@ public:
     std::unique_ptr<clientid_t> ClientId() const override;
     int GetData(std::string path, std::string& data, Stat* stat) const override;
     int Transact(const std::vector<Operation>& operations, TransactionResult& result) const override;
+    int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
+                   TransactionResult& result) const override;
 
     /// The service's clock.
     BootClock::time_point Now() const noexcept override;
@@ -84,6 +89,8 @@ public:
 
 private:
     friend class MemoryService;
+    int Transact(std::optional<std::int64_t> sessionId, const std::vector<Operation>& operations,
+                 TransactionResult& result) const;
     explicit MemorySession(std::shared_ptr<MemorySessionRecord> record);
 
     const std::shared_ptr<MemorySessionRecord> record_;

@@ -1,0 +1,125 @@
+#include "source/lease.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace kx::velmor {
+namespace {
+
+using std::chrono::milliseconds;
+
+BootClock::time_point At(int time)
+{
+    return BootClock::time_point(milliseconds(time));
+}
+
+class LeaseTest : public ::testing::Test
+{
+protected:
+    bool Grant(std::uint64_t leadership, int lastHeard, int now)
+    {
+        now_ = now;
+        return lease_.Grant(leadership, 7, milliseconds(900), At(lastHeard));
+    }
+
+    void Extend(std::int64_t session, int lastHeard, int now)
+    {
+        now_ = now;
+        lease_.Extend(session, At(lastHeard));
+    }
+
+    std::atomic<int> now_{0};
+    Lease lease_{[this] { return At(now_); }};
+};
+
+TEST_F(LeaseTest, NobodyHasOneToBeginWith)
+{
+    EXPECT_LE(lease_.End(), At(0));
+    EXPECT_LE(lease_.EndOf(0), At(0));
+}
+
+TEST_F(LeaseTest, LastsTwoThirdsOfTheTimeoutFromTheLastWord)
+{
+    EXPECT_TRUE(Grant(1, 1'000, 1'599));
+    EXPECT_EQ(lease_.End(), At(1'600));
+    EXPECT_EQ(lease_.EndOf(1), At(1'600));
+    EXPECT_LE(lease_.EndOf(2), At(0));
+}
+
+TEST_F(LeaseTest, IsNotGrantedOnAWordThatIsTooOld)
+{
+    EXPECT_FALSE(Grant(1, 1'000, 1'600));
+    EXPECT_LE(lease_.End(), At(0));
+    Extend(7, 1'600, 1'601);
+    EXPECT_LE(lease_.End(), At(0));
+}
+
+TEST_F(LeaseTest, IsExtendedByItsSessionOnly)
+{
+    Grant(1, 1'000, 1'000);
+    Extend(8, 1'500, 1'510);
+    EXPECT_EQ(lease_.End(), At(1'600));
+    Extend(7, 1'500, 1'510);
+    EXPECT_EQ(lease_.End(), At(2'100));
+    // Words may come out of order.
+    Extend(7, 1'400, 1'520);
+    EXPECT_EQ(lease_.End(), At(2'100));
+}
+
+TEST_F(LeaseTest, StaysOverOnceItHasRunOut)
+{
+    Grant(1, 1'000, 1'000);
+    Extend(7, 1'590, 1'600);
+    EXPECT_EQ(lease_.End(), At(1'600));
+}
+
+TEST_F(LeaseTest, StaysOverOnceItIsRevoked)
+{
+    Grant(1, 1'000, 1'000);
+    lease_.Revoke();
+    Extend(7, 1'500, 1'510);
+    EXPECT_LE(lease_.End(), At(0));
+    EXPECT_LE(lease_.EndOf(1), At(0));
+}
+
+TEST_F(LeaseTest, EndsWithItsSessionForGood)
+{
+    Grant(1, 1'000, 1'000);
+    lease_.EndSession(8);
+    EXPECT_EQ(lease_.End(), At(1'600));
+    EXPECT_FALSE(lease_.SessionEnded(7));
+    lease_.EndSession(7);
+    EXPECT_LE(lease_.End(), At(0));
+    EXPECT_TRUE(lease_.SessionEnded(7));
+    EXPECT_FALSE(Grant(2, 1'100, 1'100));
+}
+
+TEST_F(LeaseTest, IsNeverSeenUnderTheWrongLeadership)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    // Odd ones end at 1'600, even ones at 2'600.
+    std::thread reader([&] {
+        while (!stop)
+        {
+            const BootClock::time_point odd = lease_.EndOf(1);
+            const BootClock::time_point even = lease_.EndOf(2);
+            wrong += odd > At(0) && odd != At(1'600);
+            wrong += even > At(0) && even != At(2'600);
+        }
+    });
+    for (int i = 0; i < 20'000; ++i)
+    {
+        Grant(1, 1'000, 1'000);
+        lease_.Revoke();
+        Grant(2, 2'000, 2'000);
+    }
+    stop = true;
+    reader.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace kx::velmor

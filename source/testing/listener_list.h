@@ -67,9 +67,10 @@ private:
     Listener Find(const std::weak_ptr<const Callback>& weak) const
     {
         Listener listener = weak.lock();
-        const MutexLock lock(data_->mutex);
-        const auto& all = data_->listeners;
-        return std::find(all.begin(), all.end(), listener) != all.end() ? listener : nullptr;
+        Data& data = *data_;
+        const MutexLock lock(data.mutex);
+        const auto found = std::find(data.listeners.begin(), data.listeners.end(), listener);
+        return found != data.listeners.end() ? listener : nullptr;
     }
 
     const std::shared_ptr<Data> data_ = std::make_shared<Data>();

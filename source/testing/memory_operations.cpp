@@ -3,8 +3,6 @@
 #include "source/make_path.h"
 #include "source/testing/memory_service_core.h"
 
-#include <algorithm>
-
 namespace kx::velmor::testing {
 
 namespace {
@@ -17,34 +15,6 @@ bool NoAnswer(int rc)
 }
 
 }  // namespace
-
-bool IsNodePath(const std::string& path, bool sequential)
-{
-    if (path.empty() || path.front() != '/')
-    {
-        return false;
-    }
-    constexpr char kLastControl = 0x1f;
-    for (const char letter : path)
-    {
-        if (letter >= 0 && letter <= kLastControl)
-        {
-            return false;
-        }
-    }
-    for (std::size_t begin = 1; begin < path.size();)
-    {
-        const std::size_t end = std::min(path.find('/', begin), path.size());
-        const std::string component = path.substr(begin, end - begin);
-        if (component.empty() || component == "." || component == "..")
-        {
-            return false;
-        }
-        begin = end + 1;
-    }
-    // A sequential node may be called by its number alone.
-    return path == "/" || path.back() != '/' || sequential;
-}
 
 int MemoryServiceCore::Create(Record& session, const std::string& path, const std::string& data, const ACL_vector& acl,
                               int flags, std::string& created)

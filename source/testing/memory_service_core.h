@@ -21,9 +21,6 @@
 
 namespace kx::velmor::testing {
 
-/// Whether the client library and the service take this for the path of a node.
-bool IsNodePath(const std::string& path, bool sequential = false);
-
 /// One `MemorySession`, as it and its service know it. Its event thread keeps it alive.
 struct MemorySessionRecord : std::enable_shared_from_this<MemorySessionRecord>
 {
@@ -126,14 +123,9 @@ private:
     void Post(Record& session, EventLoop::Task task);
     /// Takes the session to `state`, and tells its listeners.
     void Change(Record& session, SessionState state) KX_REQUIRES(mutex_);
-    void PostSessionEvent(Record& session, int state) KX_REQUIRES(mutex_);
-    void PostNodeEvent(Record& session, int type, const std::string& path) KX_REQUIRES(mutex_);
-    /// Tells whoever watches the node, and is not cut off.
-    void OnChange(int type, const std::string& path) KX_REQUIRES(mutex_);
     void Disconnect(Record& session) KX_REQUIRES(mutex_);
     /// The owner of a session that is cut off learns how it stands with it.
     void Reconnect(Record& session, AllHeard& heard) KX_REQUIRES(mutex_);
-    void TellMissedChanges(Record& session) KX_REQUIRES(mutex_);
     void BeginSession(Record& session) KX_REQUIRES(mutex_);
     /// The service has it no more.
     void EndSession(std::int64_t id) KX_REQUIRES(mutex_);
@@ -143,6 +135,15 @@ private:
     void RefreshIfDue(Record& session, AllHeard& heard) KX_REQUIRES(mutex_);
     BootClock::time_point NextDue() const KX_REQUIRES(mutex_);
     void DoWhatIsDue(AllHeard& heard) KX_REQUIRES(mutex_);
+
+    // Watches: memory_watches.cpp
+
+    void PostSessionEvent(Record& session, int state) KX_REQUIRES(mutex_);
+    void PostNodeEvent(Record& session, int type, const std::string& path) KX_REQUIRES(mutex_);
+    /// Tells whoever watches the node, and is not cut off.
+    void OnChange(int type, const std::string& path) KX_REQUIRES(mutex_);
+    /// Tells a session that is connected again what became of the nodes that it watches.
+    void TellMissedChanges(Record& session) KX_REQUIRES(mutex_);
     /// Lets go of the states whose handles are gone, and of the service's watches behind them.
     void DropReleasedWatches(Record& session);
 

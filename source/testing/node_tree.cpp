@@ -39,6 +39,34 @@ Stat StatOf(const NodeTree::Node& node)
     return stat;
 }
 
+bool IsNodePath(const std::string& path, bool sequential)
+{
+    if (path.empty() || path.front() != '/')
+    {
+        return false;
+    }
+    constexpr char kLastControl = 0x1f;
+    for (const char letter : path)
+    {
+        if (letter >= 0 && letter <= kLastControl)
+        {
+            return false;
+        }
+    }
+    for (std::size_t begin = 1; begin < path.size();)
+    {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string component = path.substr(begin, end - begin);
+        if (component.empty() || component == "." || component == "..")
+        {
+            return false;
+        }
+        begin = end + 1;
+    }
+    // A sequential node may be called by its number alone.
+    return path == "/" || path.back() != '/' || sequential;
+}
+
 std::string ParentOf(const std::string& path)
 {
     const std::size_t separator = path.rfind('/');

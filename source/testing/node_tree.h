@@ -75,6 +75,9 @@ private:
 /// What the service tells of a node.
 Stat StatOf(const NodeTree::Node& node);
 
+/// Whether the client library and the service take this for the path of a node.
+bool IsNodePath(const std::string& path, bool sequential = false);
+
 /// "/a" for "/a/b", "/" for "/a".
 std::string ParentOf(const std::string& path);
 

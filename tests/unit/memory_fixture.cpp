@@ -60,6 +60,18 @@ Registration MemoryTest::Listen(ElectionSession& listened, const std::string& la
         [this, label](const SessionStatus& status) { journal.Note(label + ": " + ToString(status.state)); });
 }
 
+Registration MemoryTest::Hear(ElectionSession& heard)
+{
+    return heard.OnHeard([this](std::int64_t id, BootClock::time_point at) {
+        journal.Note("heard " + std::to_string(id) + " at " + At(at));
+    });
+}
+
+std::string MemoryTest::At(BootClock::time_point time) const
+{
+    return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(time - began).count());
+}
+
 std::vector<std::string> MemoryTest::Told()
 {
     service.AwaitQuiet();

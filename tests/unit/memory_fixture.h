@@ -40,8 +40,14 @@ protected:
     /// As above, for a watch that can be armed.
     Connection::WatchHandle Watching(const ElectionSession& session, const std::string& path,
                                      const std::string& label = "watch");
-    /// Notes each state of the session, with its number if `labelled`.
+    /// Notes each state of the session.
     Registration Listen(ElectionSession& session, const std::string& label = "state");
+
+    /// Notes "heard 0x100 at 1000": when the session was heard, as `At` has it.
+    Registration Hear(ElectionSession& session);
+    /// Milliseconds since the test began.
+    std::string At(BootClock::time_point time) const;
+    std::string At() const { return At(service.Now()); }
 
     /// What callbacks were told since the last time, when all is quiet.
     std::vector<std::string> Told();
@@ -49,6 +55,7 @@ protected:
     testing_support::Journal journal;
     testing_support::LogCapture log;
     MemoryService service;
+    const BootClock::time_point began = service.Now();
     const std::shared_ptr<MemorySession> session;
     const std::shared_ptr<MemorySession> other;
 };

@@ -85,16 +85,18 @@ TEST_F(MemoryWatches, WatchThatWasLetGoOfIsDroppedAtTheNextOperation)
 
 TEST_F(MemoryWatches, CallbackRunsWithoutTheMutexOfItsStateAndMayUseTheSession)
 {
-    Connection::WatchHandle handle;
-    const auto look = [this, &handle](int, int, const std::string&) {
+    const auto handle = std::make_shared<Connection::WatchHandle>();
+    const auto look = [this, handle](int, int, const std::string&) {
         EXPECT_EQ(ZNONODE, session->Exists("/a", nullptr));
         EXPECT_EQ(ZOK, Create(*session, "/b").first);
-        // Needs the state's mutex.
-        const Connection::WatchHandle gone = std::move(handle);
+        {
+            // Needs the state's mutex.
+            const Connection::WatchHandle gone = std::move(*handle);
+        }
         journal.Note("through");
     };
     service.Add("/a");
-    handle = session->Exists("/a", look, nullptr).second;
+    *handle = session->Exists("/a", look, nullptr).second;
     service.Delete("/a");
     EXPECT_THAT(Told(), ElementsAre("through"));
 }

@@ -35,6 +35,7 @@ struct MemorySessionOptions
 /// - Nothing is lost or late but what the test asks for, and a session that is cut off learns how it stands with it
 ///   only when it is healed. (A `Session` gives up by itself after four timeouts of silence.)
 /// - Access lists are not kept. `MemoryService::Refuse` stands in for them.
+/// - Requests may be of any size.
 ///
 /// What the service has ended is followed by a new session without a pause, as part of the same verb.
 ///

@@ -70,9 +70,8 @@ bool TooLarge(std::size_t bytes, const std::string& path)
     {
         return false;
     }
-    constexpr std::size_t kMostShown = 100;
     KX_LOG(LogLevel::Error, SessionLog()) << "A request of " << bytes << " bytes was not sent, since servers take "
-                                          << kMostRequestBytes << ": " << path.substr(0, kMostShown);
+                                          << kMostRequestBytes << ": " << Shown(path);
     return true;
 }
 

@@ -207,9 +207,7 @@ bool SessionCore::AddWatch(const std::string& path, const WatchRegistry::State& 
     {
         return true;
     }
-    constexpr std::size_t kMostShown = 100;
-    KX_LOG(logging::LogLevel::Error, SessionLog())
-        << "No room for one more watched path: " << path.substr(0, kMostShown);
+    KX_LOG(logging::LogLevel::Error, SessionLog()) << "No room for one more watched path: " << Shown(path);
     return false;
 }
 

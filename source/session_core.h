@@ -162,8 +162,8 @@ private:
     void Refresh();
     void OnRefreshed(std::uint64_t connection);
     void OpenHandle(std::shared_ptr<ClientHandle> finished);
-    bool OpenedLately() const;
-    bool EndedInOrder() const;
+    /// Waits where the next handle would follow the last one too soon.
+    void PaceReopening();
     /// Numeric addresses of the servers: the last known ones while they cannot be looked up, empty if there are none.
     std::string AwaitAddresses();
     void OnAddresses(std::uint64_t ticket, const Addresses& addresses);

@@ -219,16 +219,7 @@ void SessionCore::OpenHandle(std::shared_ptr<ClientHandle> finished)
     if (finished)
     {
         finished->Close(ZSESSIONEXPIRED);
-    }
-    if (finished && EndedInOrder())
-    {
-        reopening_.Reset();
-    }
-    if (finished && OpenedLately())
-    {
-        // Servers that end each session at once must not be asked for the next one without end, and those that grant
-        // none, or refuse the credentials, less and less often.
-        Pause(reopening_.Next());
+        PaceReopening();
     }
     const std::string addresses = AwaitAddresses();
     if (addresses.empty())
@@ -273,16 +264,25 @@ void SessionCore::OpenHandle(std::shared_ptr<ClientHandle> finished)
     handle->Close(ZCLOSING);
 }
 
-bool SessionCore::OpenedLately() const
+void SessionCore::PaceReopening()
 {
-    const MutexLock lock(mutex_);
-    return openedAt_ && Clock::now() - *openedAt_ < negotiatedTimeout_;
-}
-
-bool SessionCore::EndedInOrder() const
-{
-    const MutexLock lock(mutex_);
-    return endedInOrder_;
+    bool endedInOrder = false;
+    bool openedLately = false;
+    {
+        const MutexLock lock(mutex_);
+        endedInOrder = endedInOrder_;
+        openedLately = openedAt_ && Clock::now() - *openedAt_ < negotiatedTimeout_;
+    }
+    if (endedInOrder)
+    {
+        reopening_.Reset();
+    }
+    if (openedLately)
+    {
+        // Servers that end each session at once must not be asked for the next one without end, and those that grant
+        // none, or refuse the credentials, less and less often.
+        Pause(reopening_.Next());
+    }
 }
 
 std::string SessionCore::AwaitAddresses()

@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <limits>
 #include <thread>
 #include <utility>
@@ -28,68 +27,6 @@ bool FromServer(int rc)
 {
     return rc == ZOK || (rc < ZAPIERROR && rc != ZSESSIONEXPIRED && rc != ZAUTHFAILED && rc != ZCLOSING &&
                          rc != ZNOTHING && rc != ZSESSIONMOVED);
-}
-
-int Flags(NodeMode mode)
-{
-    switch (mode)
-    {
-        case NodeMode::Persistent:
-            return 0;
-        case NodeMode::Ephemeral:
-            return ZOO_EPHEMERAL;
-        case NodeMode::PersistentSequential:
-            return ZOO_SEQUENCE;
-        case NodeMode::EphemeralSequential:
-            return ZOO_EPHEMERAL | ZOO_SEQUENCE;
-    }
-    return 0;
-}
-
-/// Room for the path of the node that an operation creates.
-std::vector<char> Room(const Operation& operation)
-{
-    // A sequence number has ten digits, or eleven characters once its counter has overflowed; then the final zero.
-    constexpr std::size_t kBehindPath = 11 + 1;
-    const bool creates = operation.kind == Operation::Kind::Create;
-    return std::vector<char>(creates ? operation.path.size() + kBehindPath : 0);
-}
-
-/// Refers to all that it is given.
-zoo_op_t Step(const Operation& operation, const ACL_vector& acl, std::vector<char>& created)
-{
-    const char* const path = operation.path.c_str();
-    const int size = static_cast<int>(operation.data.size());
-    zoo_op_t step{};
-    switch (operation.kind)
-    {
-        case Operation::Kind::Create:
-            zoo_create_op_init(&step, path, operation.data.data(), size, &acl, Flags(operation.mode), created.data(),
-                               static_cast<int>(created.size()));
-            break;
-        case Operation::Kind::Set:
-            zoo_set_op_init(&step, path, operation.data.data(), size, operation.version, nullptr);
-            break;
-        case Operation::Kind::Delete:
-            zoo_delete_op_init(&step, path, operation.version);
-            break;
-        case Operation::Kind::Check:
-            zoo_check_op_init(&step, path, operation.version);
-            break;
-    }
-    return step;
-}
-
-/// The operation for which a server refused a transaction with `rc`; empty when it did not. Then the operations before
-/// it have no error, and those behind it have one that says that they were not looked at. When there is no answer, the
-/// library gives all of them the same code.
-std::optional<std::size_t> Refused(int rc, const std::vector<zoo_op_result_t>& results)
-{
-    const auto first = std::find_if(results.begin(), results.end(), [](const auto& result) { return result.err != 0; });
-    const bool told =
-        first != results.end() && first->err == rc && (FromServer(rc) || rc == ZBADARGUMENTS) &&
-        std::all_of(first + 1, results.end(), [](const auto& result) { return result.err == ZRUNTIMEINCONSISTENCY; });
-    return told ? std::optional<std::size_t>(first - results.begin()) : std::nullopt;
 }
 
 /// The server that a handle is connected to, as "address:port"; empty when it cannot be told.
@@ -142,7 +79,7 @@ ClientHandle::~ClientHandle()
 
 template <typename Function>
 int ClientHandle::Submit(Kind kind, const std::shared_ptr<Request>& request, Function&& function,
-                         std::string watchedPath, Outcomes outcomes)
+                         std::string watchedPath, TransactionOutcomes outcomes)
 {
     if (closing_)
     {
@@ -240,16 +177,9 @@ int ClientHandle::Delete(const std::shared_ptr<Request>& request, const std::str
 int ClientHandle::Transact(const std::shared_ptr<Request>& request, const std::vector<Operation>& operations,
                            const ACL_vector& acl)
 {
-    Outcomes outcomes;
-    std::vector<zoo_op_t> steps;
-    for (const Operation& operation : operations)
-    {
-        outcomes.paths.push_back(Room(operation));
-        // However the lists are moved, the room stays where it is.
-        steps.push_back(Step(operation, acl, outcomes.paths.back()));
-    }
-    // Of the library's own structures only the results outlive the call below.
-    outcomes.results.resize(operations.size());
+    // Of what the library is given here only the outcomes outlive the call below.
+    TransactionOutcomes outcomes;
+    const std::vector<zoo_op_t> steps = Steps(operations, acl, outcomes);
     zoo_op_result_t* const results = outcomes.results.data();
     return Submit(
         Kind::Write, request,
@@ -450,16 +380,15 @@ void ClientHandle::OnData(int rc, const char* value, int length, const Stat* sta
 
 void ClientHandle::OnOutcomes(int rc, const void* data) noexcept
 {
-    const Outcomes& outcomes = static_cast<const Call*>(data)->outcomes;
+    const TransactionOutcomes& outcomes = static_cast<const Call*>(data)->outcomes;
     OnAnswer(rc, data, [&](Request& request) {
-        if (rc != ZOK)
+        if (rc == ZOK)
         {
-            request.refused = Refused(rc, outcomes.results);
-            return;
+            request.createdPaths = CreatedPaths(outcomes);
         }
-        for (const std::vector<char>& path : outcomes.paths)
+        else if (FromServer(rc) || rc == ZBADARGUMENTS)
         {
-            request.createdPaths.emplace_back(path.empty() ? "" : path.data());
+            request.refused = RefusedStep(rc, outcomes);
         }
     });
 }

@@ -2,6 +2,7 @@
 
 #include "source/request.h"
 #include "source/sync.h"
+#include "source/transaction_steps.h"
 
 #include <kx/velmor/boot_clock.h>
 #include <kx/velmor/transaction.h>
@@ -99,13 +100,6 @@ public:
     void Close(int rc);
 
 private:
-    /// Where the client library writes what became of the operations of a transaction, before it gives the answer.
-    struct Outcomes
-    {
-        std::vector<zoo_op_result_t> results;
-        /// Room for the paths of created nodes; empty for other operations.
-        std::vector<std::vector<char>> paths;
-    };
     /// What the client library gets as the context of a call.
     struct Call
     {
@@ -115,7 +109,7 @@ private:
         /// Of a write, when it was handed over.
         std::optional<BootClock::time_point> asked;
         /// Of a transaction. Stays where it is until the answer.
-        Outcomes outcomes;
+        TransactionOutcomes outcomes;
     };
     enum class Kind
     {
@@ -127,7 +121,7 @@ private:
 
     template <typename Function>
     int Submit(Kind kind, const std::shared_ptr<Request>& request, Function&& function, std::string watchedPath = {},
-               Outcomes outcomes = {});
+               TransactionOutcomes outcomes = {});
     int Delete(const std::shared_ptr<Request>& request, const std::string& path, int version);
     /// Takes a call over from the library.
     std::unique_ptr<Call> Take(const void* data);

@@ -1,0 +1,1 @@
+// Has the precompiled header made.

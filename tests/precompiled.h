@@ -1,6 +1,7 @@
 #pragma once
 
-// What most tests include, parsed once. A file still includes what it needs: the build that counts lines goes without this header.
+// What most tests include, parsed once. A file still includes what it needs: the build that counts lines goes without
+// this header.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,0 +1,52 @@
+# libvelmor0 and libvelmor-dev, by CPack.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME velmor)
+set(CPACK_PACKAGE_VENDOR "Velmor")
+set(CPACK_PACKAGE_CONTACT "Velmor maintainers <velmor@localhost>")
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS OFF)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvelmor0)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+# Which package programs depend on that load the library, and that the loader's cache is to be renewed.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/shlibs ${CMAKE_CURRENT_LIST_DIR}/triggers)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+  "Elects a leader among processes that share a ZooKeeper ensemble, and names the
+next one ahead of time. This package holds the shared library.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvelmor-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "libvelmor0 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libzookeeper-mt-dev")
+if(TARGET velmor_logging_default)
+  string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ", libspdlog-dev")
+endif()
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+  "Elects a leader among processes that share a ZooKeeper ensemble, and names the
+next one ahead of time. This package holds headers, static libraries, and what
+CMake and pkg-config find them by.")
+
+# What every package has to say about itself.
+find_program(VELMOR_GZIP gzip)
+mark_as_advanced(VELMOR_GZIP)
+if(VELMOR_GZIP)
+  set(changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
+  execute_process(COMMAND ${VELMOR_GZIP} -9nc ${CMAKE_CURRENT_LIST_DIR}/changelog
+    OUTPUT_FILE ${changelog} COMMAND_ERROR_IS_FATAL ANY)
+  foreach(component runtime development)
+    string(TOUPPER ${component} upper)
+    install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${changelog}
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME} COMPONENT ${component})
+  endforeach()
+endif()
+
+include(CPack)

@@ -16,18 +16,25 @@
 namespace kx::velmor::testing_support {
 namespace {
 
+/// The service as it was built with this tree, or in another way.
+std::string Program()
+{
+    const char* const other = std::getenv("VELMOR_GUIDE_PROGRAM");
+    return other != nullptr ? other : GUIDE_PROGRAM;
+}
+
 /// One process of the service, and what it has said.
 class Reports
 {
 public:
     explicit Reports(const std::string& servers)
-        : process_({{GUIDE_PROGRAM, servers}, {}, [this](const std::string& line) { OnLine(line); }})
+        : process_({{Program(), servers}, {}, [this](const std::string& line) { OnLine(line); }})
     {}
 
-    bool HasSaid(const std::string& line)
+    bool HasSaid(const std::string& line, int times = 1)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+        return std::count(lines_.begin(), lines_.end(), line) >= times;
     }
 
     ChildProcess& Process() { return process_; }
@@ -73,6 +80,20 @@ TEST(Guide, TheServiceStartsBeforeItsServer)
     server.Start();
 
     Await("it works", [&] { return reports.HasSaid("working"); });
+}
+
+TEST(Guide, TheServiceLosesAndRegainsTheLeadThroughARestartOfItsServer)
+{
+    ZooKeeperServer server;
+    server.Start();
+    Reports reports(server.Address());
+    Await("it works", [&] { return reports.HasSaid("working"); });
+
+    server.Kill();
+    Await("it leads no more", [&] { return reports.HasSaid("joining", 2); });
+    server.Start();
+
+    Await("it leads again", [&] { return reports.HasSaid("leader", 2); });
 }
 
 }  // namespace

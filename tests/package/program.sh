@@ -43,7 +43,7 @@ for program in "${programs[@]}"; do
     echo "== $program"
     "./$program"
     loads=no
-    if objdump -p "$program" | grep -q 'NEEDED *libvelmor\.so\.0$'; then
+    if [[ $(objdump -p "$program") =~ NEEDED\ *libvelmor\.so\.0 ]]; then
         loads=yes
     fi
     case $program in

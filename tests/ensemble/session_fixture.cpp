@@ -110,6 +110,16 @@ const std::vector<Operation>& Operations()
          }},
         {"GuaranteedDelete", Request::Delete,
          [](const Session& session, const std::string& path) { return session.GuaranteedDelete(path); }},
+        {"GetData", Request::GetData,
+         [](const Session& session, const std::string& path) {
+             std::string data;
+             return session.GetData(path, data, nullptr);
+         }},
+        {"Transact", Request::Multi,
+         [](const Session& session, const std::string& path) {
+             TransactionResult result;
+             return session.Transact({velmor::Operation::Set(path, "new")}, result);
+         }},
     };
     return operations;
 }

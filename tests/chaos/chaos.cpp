@@ -1,9 +1,12 @@
 // A random fault run: five processes elect a leader on three servers, all manner of things befall them for some
-// minutes, and what they wrote down is judged afterwards. The same seed does the same things in the same order.
+// minutes, and what they wrote down is judged afterwards. The same seed does the same things in the same order, whether
+// the processes take part with the bare recipe or with a Candidate.
 
 #include "tests/chaos/checker.h"
 #include "tests/chaos/run.h"
 #include "tests/chaos/timeline.h"
+
+#include <kx/logging/default_library.h>
 
 #include <CLI/CLI.hpp>
 #include <signal.h>
@@ -15,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <string>
 
 namespace {
@@ -27,13 +31,16 @@ using kx::velmor::chaos::RunOptions;
 using kx::velmor::chaos::Violation;
 
 constexpr int kExitUsage = 2;
+constexpr std::chrono::minutes kUsualLength{1};
+constexpr std::chrono::hours kNoLimit{24 * 365};
 
 int Judge(const History& history, const RunOptions& options, std::chrono::milliseconds leaderless)
 {
     Bounds bounds(history.sessionTimeout);
     bounds.leaderless = leaderless;
     const Report report = Check(history, bounds);
-    const std::string title = "Elections under faults, seed " + std::to_string(options.seed);
+    const std::string title = std::string("Elections with the ") + Name(options.subject) + " under faults, seed " +
+                              std::to_string(options.seed);
     std::ofstream(options.directory / "timeline.svg") << DrawTimeline(history, report.violations, title);
     std::ofstream(options.directory / "summary.json") << ToJson(history, report) << '\n';
     for (const Violation& violation : report.violations)
@@ -54,13 +61,24 @@ int main(int argc, char** argv)
 {
     RunOptions options;
     CLI::App app("Elections on throwaway servers under random faults, and what came of them.");
+    std::optional<std::chrono::seconds> length;
     app.add_option_function<int>(
-           "--minutes", [&](int minutes) { options.length = std::chrono::minutes(minutes); },
-           "For how long faults happen (default: 1)")
+           "--minutes", [&](int minutes) { length = std::chrono::minutes(minutes); },
+           "For how long faults happen (default: 1, or until there have been as many successions as are asked for)")
         ->check(CLI::Range(1, 100'000));
     app.add_option_function<int>(
-           "--seconds", [&](int seconds) { options.length = std::chrono::seconds(seconds); }, "The same in seconds")
+           "--seconds", [&](int seconds) { length = std::chrono::seconds(seconds); }, "The same in seconds")
         ->excludes("--minutes");
+    app.add_option("--with", options.subject, "What the members take part with: the bare recipe, or a Candidate")
+        ->transform(CLI::Transformer(kx::velmor::chaos::SubjectsByName()))
+        ->default_str(Name(options.subject));
+    app.add_option("--successions", options.successions,
+                   "Ends when the lead has changed hands this often, or after the time if that is given, too")
+        ->check(CLI::PositiveNumber);
+    app.add_option_function<int>(
+           "--session-timeout", [&](int timeout) { options.sessionTimeout = std::chrono::milliseconds(timeout); },
+           "Of the members, in milliseconds (default: 1000)")
+        ->check(CLI::Range(500, 60'000));
     app.add_option("--seed", options.seed, "What the sequence of faults derives from")->capture_default_str();
     app.add_option("--members", options.members, "Processes that take part")
         ->check(CLI::Range(1, 50))
@@ -84,6 +102,10 @@ int main(int argc, char** argv)
         return app.exit(error) == EXIT_SUCCESS ? EXIT_SUCCESS : kExitUsage;
     }
 
+    options.length = length.value_or(options.successions == 0 ? kUsualLength : kNoLimit);
+
+    // The run's own sessions fail as they are meant to.
+    kx::logging::SetMinLogLevel(kx::logging::kLogLevelOff);
     // Before any thread starts, since threads take over what is blocked.
     sigset_t signals;
     sigemptyset(&signals);

@@ -1,5 +1,6 @@
 #include "tests/chaos/checker.h"
 
+#include "tests/chaos/candidate_checks.h"
 #include "tests/chaos/intervals.h"
 #include "tests/chaos/leadership_checks.h"
 
@@ -155,7 +156,9 @@ void CheckEnding(const Ending& ending, Report& report)
         report.violations.push_back({"unrest", "the election does not come to rest: " + ending.unrest, ending.at});
     }
     const std::set<std::int64_t> living(ending.sessions.begin(), ending.sessions.end());
-    for (const QueueNode& node : ending.queue)
+    std::vector<QueueNode> nodes = ending.queue;
+    nodes.insert(nodes.end(), ending.besides.begin(), ending.besides.end());
+    for (const QueueNode& node : nodes)
     {
         if (living.count(node.owner) == 0)
         {
@@ -165,11 +168,8 @@ void CheckEnding(const Ending& ending, Report& report)
     }
 }
 
-}  // namespace
-
-Report Check(const History& history, const Bounds& bounds)
+void CheckRecipe(const History& history, const Bounds& bounds, Report& report)
 {
-    Report report;
     const Reigns byFlag = CollectReigns(history, &Member::byFlag);
     const Reigns bySession = CollectReigns(history, &Member::bySession);
     // A flag stays as it is while its owner is cut off; only the session's view promises that nobody else leads.
@@ -178,6 +178,22 @@ Report Check(const History& history, const Bounds& bounds)
     report.byFlag.leaderless = CheckLeaderless(history, bounds, byFlag, "flag", report.violations);
     report.bySession.leaderless = CheckLeaderless(history, bounds, bySession, "session", report.violations);
     report.leaderships = CheckSuccession(history, bounds, bySession, report.violations);
+}
+
+}  // namespace
+
+Report Check(const History& history, const Bounds& bounds)
+{
+    Report report;
+    if (history.subject == Subject::Candidate)
+    {
+        report.candidates = CheckCandidates(history, bounds, report.violations);
+        report.leaderships = report.candidates->leaderships;
+    }
+    else
+    {
+        CheckRecipe(history, bounds, report);
+    }
     CheckHangs(history, bounds, report);
     CheckGrowth(history, bounds, report);
     for (const std::string& casualty : history.casualties)

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -78,8 +80,25 @@ struct ViewReport
     Leaderless leaderless;
 };
 
+/// What candidates asked and told come to.
+struct CandidateReport
+{
+    /// Leaderships that were told, or proven.
+    std::size_t leaderships = 0;
+    std::size_t Successions() const { return leaderships == 0 ? 0 : leaderships - 1; }
+    /// By what they ended with, as in "left"; "killed" for those that nobody was left to tell of.
+    std::map<std::string, std::size_t> losses{};
+    /// Stays in second place.
+    std::size_t stays = 0;
+    /// Instants at which two or more led for certain.
+    Overlaps overlaps;
+    Leaderless leaderless;
+};
+
 struct Report
 {
+    /// Of a history of candidates, which has nothing of what is told of the recipe below.
+    std::optional<CandidateReport> candidates{};
     ViewReport byFlag;
     ViewReport bySession;
     std::size_t leaderships = 0;

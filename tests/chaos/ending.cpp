@@ -1,5 +1,6 @@
 #include "tests/chaos/ending.h"
 
+#include "source/election_nodes.h"
 #include "tests/chaos/member_log.h"
 #include "tests/support/raw_client.h"
 
@@ -17,9 +18,8 @@ using testing_support::RawClient;
 /// A leader whose last look is older than this is none now.
 constexpr std::chrono::milliseconds kRecently{500};
 
-std::vector<QueueNode> Queue(RawClient& client, const std::string& path)
+std::vector<QueueNode> Nodes(RawClient& client, const std::string& path)
 {
-    client.Sync();
     std::vector<QueueNode> queue;
     for (const std::string& name : client.List(path))
     {
@@ -58,11 +58,37 @@ std::string Unrest(const Ending& ending, const std::vector<std::string>& leaders
     return leadersSession == ending.queue.front().owner ? "" : leaders.front() + " leads, but is not the first";
 }
 
-Ending Look(Stage& stage, RawClient& client)
+/// The same of what candidates keep beside the queue.
+std::string UnrestBesides(const Ending& ending, const std::string& path)
+{
+    std::map<std::string, std::int64_t> expected;
+    for (const QueueNode& node : ending.queue)
+    {
+        expected[IdentityPath(path, node.name, node.owner)] = node.owner;
+    }
+    expected[ClaimPath(path)] = ending.queue.front().owner;
+    for (const QueueNode& node : ending.besides)
+    {
+        const auto found = expected.find(IdentitiesPath(path) + "/" + node.name);
+        if (found == expected.end() || found->second != node.owner)
+        {
+            return node.name + " in " + IdentitiesPath(path) + " belongs to nobody in the queue, or not to the leader";
+        }
+        expected.erase(found);
+    }
+    return expected.empty() ? "" : expected.begin()->first + " is missing";
+}
+
+Ending Look(Stage& stage, Subject subject, RawClient& client)
 {
     Ending ending;
     ending.at = Now();
-    ending.queue = Queue(client, stage.Path());
+    client.Sync();
+    ending.queue = Nodes(client, stage.Path());
+    if (subject == Subject::Candidate)
+    {
+        ending.besides = Nodes(client, IdentitiesPath(stage.Path()));
+    }
     std::vector<std::string> leaders;
     std::int64_t leadersSession = 0;
     for (std::size_t i = 0; i < stage.Members(); ++i)
@@ -70,7 +96,8 @@ Ending Look(Stage& stage, RawClient& client)
         const Member& member = stage.HistoryOf(i);
         const std::int64_t session = member.stays.empty() ? 0 : member.stays.back().session;
         ending.sessions.push_back(session);
-        if (!member.bySession.empty() && Now() - member.bySession.back().when.end < kRecently)
+        const std::optional<Interval> lead = LastLead(member);
+        if (lead && Now() - lead->end < kRecently)
         {
             leaders.push_back(member.name);
             leadersSession = session;
@@ -78,12 +105,17 @@ Ending Look(Stage& stage, RawClient& client)
     }
     ending.watches = stage.Watches();
     ending.unrest = Unrest(ending, leaders, leadersSession);
+    if (ending.unrest.empty() && subject == Subject::Candidate)
+    {
+        ending.unrest = UnrestBesides(ending, stage.Path());
+    }
     return ending;
 }
 
 }  // namespace
 
-Ending AwaitRest(Stage& stage, std::chrono::milliseconds deadline, const std::function<bool()>& interrupted)
+Ending AwaitRest(Stage& stage, Subject subject, std::chrono::milliseconds deadline,
+                 const std::function<bool()>& interrupted)
 {
     RawClient client(stage.Addresses());
     const auto end = std::chrono::steady_clock::now() + deadline;
@@ -92,7 +124,7 @@ Ending AwaitRest(Stage& stage, std::chrono::milliseconds deadline, const std::fu
         Ending ending;
         try
         {
-            ending = Look(stage, client);
+            ending = Look(stage, subject, client);
         }
         catch (const std::runtime_error& error)
         {

@@ -39,6 +39,7 @@ constexpr Trait kTraits[] = {
     {"drop reply", 5, FaultKind::DropReply, Lasting::Short},
     {"drop request", 4, FaultKind::DropRequest, Lasting::Short},
     {"cut after request", 4, FaultKind::CutAfterRequest, Lasting::Short},
+    {"leave in turn", 8, FaultKind::LeaveInTurn, Lasting::AroundTimeout},
     {"expire session", 6, FaultKind::ExpireSession, Lasting::Moment},
     {"kill member", 5, FaultKind::KillMember, Lasting::AroundTimeout},
     {"pause member briefly", 3, FaultKind::PauseMemberBriefly, Lasting::Short},
@@ -50,7 +51,7 @@ constexpr Trait kTraits[] = {
     {"pause servers' leader", 2, FaultKind::PauseServersLeader, Lasting::AroundTimeout},
     {"lose quorum", 1, FaultKind::LoseQuorum, Lasting::AroundTimeout},
     {"pause all servers", 1, FaultKind::PauseAllServers, Lasting::Long},
-    {"delete node", 3, FaultKind::DeleteNode, Lasting::Moment},
+    {"delete node", 5, FaultKind::DeleteNode, Lasting::Moment},
     {"delete path", 1, FaultKind::DeletePath, Lasting::Moment},
 };
 
@@ -60,8 +61,8 @@ const Trait& TraitOf(FaultKind kind)
                          [&](const Trait& trait) { return trait.kind == kind; });
 }
 
-constexpr Request kRequests[] = {Request::Create, Request::Delete, Request::Exists, Request::GetChildren,
-                                 Request::Sync};
+constexpr Request kRequests[] = {Request::Create,      Request::Delete, Request::Exists, Request::GetData,
+                                 Request::GetChildren, Request::Sync,   Request::Multi};
 
 }  // namespace
 
@@ -80,8 +81,12 @@ const char* Name(Request request)
             return "delete";
         case Request::Exists:
             return "exists";
+        case Request::GetData:
+            return "getData";
         case Request::GetChildren:
             return "getChildren";
+        case Request::Multi:
+            return "multi";
         case Request::Sync:
             return "sync";
         default:
@@ -89,8 +94,9 @@ const char* Name(Request request)
     }
 }
 
-FaultPlan::FaultPlan(std::uint64_t seed, std::size_t members, std::size_t servers, milliseconds sessionTimeout)
-    : engine_(seed), members_(members), servers_(servers), sessionTimeout_(sessionTimeout)
+FaultPlan::FaultPlan(std::uint64_t seed, std::size_t members, std::size_t servers, milliseconds sessionTimeout,
+                     Subject subject)
+    : engine_(seed), members_(members), servers_(servers), sessionTimeout_(sessionTimeout), subject_(subject)
 {}
 
 PlannedFault FaultPlan::Next()
@@ -118,6 +124,14 @@ PlannedFault FaultPlan::Next()
     fault.request = kRequests[Below(std::size(kRequests))];
     fault.duration = Duration(drawn->kind);
     fault.pause = Pause();
+    fault.leaving = drawn->kind == FaultKind::LeaveInTurn || Below(3) == 0;
+    // Drawn for every fault, so that all subjects meet the same ones.
+    const milliseconds expiring = LongerThanSession();
+    if (drawn->kind == FaultKind::ExpireSession && subject_ == Subject::Candidate)
+    {
+        fault.kind = FaultKind::Silence;
+        fault.duration = expiring;
+    }
     return fault;
 }
 
@@ -168,6 +182,11 @@ milliseconds FaultPlan::Duration(FaultKind kind)
         case Lasting::Long:
             break;
     }
+    return LongerThanSession();
+}
+
+milliseconds FaultPlan::LongerThanSession()
+{
     return Between(sessionTimeout_ + sessionTimeout_ / 4, 3 * sessionTimeout_);
 }
 

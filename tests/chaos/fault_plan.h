@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tests/chaos/history.h"
 #include "tests/support/proxy.h"
 
 #include <chrono>
@@ -24,6 +25,8 @@ enum class FaultKind
     DropReply,
     DropRequest,
     CutAfterRequest,
+    // Of whoever leads: it leaves and joins again, and so does who leads next, and so on.
+    LeaveInTurn,
     // Of a member.
     ExpireSession,
     KillMember,
@@ -64,13 +67,19 @@ struct PlannedFault
     std::chrono::milliseconds duration;
     /// From its end to the next one's beginning.
     std::chrono::milliseconds pause;
+    /// All the while, the pause included, whoever leads leaves and joins again.
+    bool leaving = false;
 };
 
 /// The faults of a run, one after the other, without end. They depend on what is given here and on nothing else.
+///
+/// They are the same for every subject, but for one: a candidate's session is not closed behind its back, which nobody
+/// can know who was granted its timeout, but silenced until it has expired.
 class FaultPlan
 {
 public:
-    FaultPlan(std::uint64_t seed, std::size_t members, std::size_t servers, std::chrono::milliseconds sessionTimeout);
+    FaultPlan(std::uint64_t seed, std::size_t members, std::size_t servers, std::chrono::milliseconds sessionTimeout,
+              Subject subject);
 
     PlannedFault Next();
 
@@ -81,12 +90,14 @@ private:
     Target NetworkTarget();
     Target MemberTarget();
     std::chrono::milliseconds Duration(FaultKind kind);
+    std::chrono::milliseconds LongerThanSession();
     std::chrono::milliseconds Pause();
 
     std::mt19937_64 engine_;
     const std::size_t members_;
     const std::size_t servers_;
     const std::chrono::milliseconds sessionTimeout_;
+    const Subject subject_;
 };
 
 /// As in "Exists".

@@ -2,7 +2,46 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace kx::velmor::chaos {
+
+const char* Name(Subject subject)
+{
+    return subject == Subject::Recipe ? "recipe" : "candidate";
+}
+
+const std::map<std::string, Subject>& SubjectsByName()
+{
+    static const std::map<std::string, Subject> subjects{{Name(Subject::Recipe), Subject::Recipe},
+                                                         {Name(Subject::Candidate), Subject::Candidate}};
+    return subjects;
+}
+
+std::optional<Interval> LastLead(const Member& member)
+{
+    if (!member.tenures.empty())
+    {
+        return Interval{member.tenures.back().from, member.tenures.back().until};
+    }
+    if (!member.bySession.empty())
+    {
+        return member.bySession.back().when;
+    }
+    return std::nullopt;
+}
+
+std::size_t Successions(const std::vector<const Member*>& members)
+{
+    std::size_t leaderships = 0;
+    for (const Member* const member : members)
+    {
+        leaderships +=
+            static_cast<std::size_t>(std::count_if(member->roles.begin(), member->roles.end(),
+                                                   [](const RoleChange& change) { return change.role == "leader"; }));
+    }
+    return leaderships == 0 ? 0 : leaderships - 1;
+}
 
 std::string ToJson(const Fault& fault)
 {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,20 @@ inline Instant Length(const Interval& interval)
     return interval.end - interval.begin;
 }
 
+/// With what the members take part.
+enum class Subject
+{
+    /// The bare recipe, `CandidateImpl`, whose owner joins again.
+    Recipe,
+    /// `Candidate`.
+    Candidate,
+};
+
+/// "recipe", "candidate".
+const char* Name(Subject subject);
+/// As the command line takes them.
+const std::map<std::string, Subject>& SubjectsByName();
+
 /// One attempt to take part in the election: from the candidate's `Start` to its `Stop`, or to the end of its process.
 struct Stay
 {
@@ -42,6 +57,40 @@ struct Leadership
     /// Index into the member's stays.
     std::size_t stay;
     Interval when;
+};
+
+/// What `Candidate::IsLeader` proves of one leadership, when a clock is read before and after each call.
+///
+/// A call that says true says so of some instant between the two readings. The leadership had thus begun at `from`,
+/// when the first such call had returned, and had not ended at `until`, before the last one: `from` may be the later of
+/// the two when there was but one call. In between it led, since a leadership that is lost does not come back.
+struct Tenure
+{
+    /// 0 when the leadership was over before it could be asked.
+    std::int64_t epoch = 0;
+    Instant from{};
+    Instant until{};
+};
+
+/// What a candidate's callback told.
+struct Notice
+{
+    enum class Kind
+    {
+        Gained,
+        Lost,
+        Next,
+        NextLost,
+    };
+
+    Instant at;
+    Kind kind;
+    /// Index into the member's lives.
+    std::size_t life;
+    /// Of a gain.
+    std::int64_t epoch = 0;
+    /// Of a loss, as in "lease ran out".
+    std::string reason{};
 };
 
 struct RoleChange
@@ -98,6 +147,9 @@ struct Member
     std::vector<Leadership> byFlag{};
     /// By the session's view: the flag, a connection, and an answer that is younger than the session timeout.
     std::vector<Leadership> bySession{};
+    /// Of candidates: what they were asked, and what they told.
+    std::vector<Tenure> tenures{};
+    std::vector<Notice> notices{};
     /// As they were written.
     std::vector<Line> lines{};
 };
@@ -115,6 +167,8 @@ struct Fault
     bool silences = false;
     /// Somebody else deleted nodes of living sessions, or closed sessions, which their owners cannot know at once.
     bool takesNodes = false;
+    /// Meanwhile whoever led left: it may have delayed anybody's turn.
+    bool leaving = false;
 };
 
 /// A node of the queue when all faults had been healed.
@@ -131,6 +185,8 @@ struct Ending
     /// Why the election did not come to rest; empty when it did.
     std::string unrest{};
     std::vector<QueueNode> queue{};
+    /// What else candidates keep there, the claim to the lead included.
+    std::vector<QueueNode> besides{};
     /// Sessions of the members that lived then.
     std::vector<std::int64_t> sessions{};
     /// How many the servers keep for all of them.
@@ -141,6 +197,7 @@ struct History
 {
     Interval whole;
     std::chrono::milliseconds sessionTimeout;
+    Subject subject = Subject::Recipe;
     std::vector<Member> members{};
     std::vector<Fault> faults{};
     /// Members that ended by themselves, each with what is known of it.
@@ -148,6 +205,12 @@ struct History
     /// Empty when the run was interrupted before it came to its end.
     std::optional<Ending> ending{};
 };
+
+/// The last stretch of time through which the member is known to have led, by the session's view or by `IsLeader`.
+std::optional<Interval> LastLead(const Member& member);
+
+/// From one leader to the next, up to now.
+std::size_t Successions(const std::vector<const Member*>& members);
 
 /// As a line of JSON.
 std::string ToJson(const Fault& fault);

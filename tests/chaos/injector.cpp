@@ -5,6 +5,8 @@
 #include "tests/support/expire_session.h"
 #include "tests/support/raw_client.h"
 
+#include <kx/velmor/session.h>
+
 #include <signal.h>
 
 #include <algorithm>
@@ -16,9 +18,13 @@ namespace kx::velmor::chaos {
 namespace {
 
 using testing_support::Await;
+using testing_support::ChildProcess;
 using testing_support::Proxy;
 using testing_support::RawClient;
 using testing_support::Request;
+
+/// Who has last shown longer ago that it leads may be gone.
+constexpr std::chrono::milliseconds kRecently{100};
 
 bool OfNetwork(FaultKind kind)
 {
@@ -40,10 +46,11 @@ bool OfServers(FaultKind kind)
     return kind >= FaultKind::KillServer && kind <= FaultKind::PauseAllServers;
 }
 
-bool HitsAll(const PlannedFault& planned)
+bool ConcernsAll(const PlannedFault& planned)
 {
-    return OfServers(planned.kind) || planned.kind == FaultKind::PauseAllMembers ||
-           planned.kind == FaultKind::DeletePath || (OfNetwork(planned.kind) && planned.target.allMembers);
+    return OfServers(planned.kind) || planned.kind == FaultKind::LeaveInTurn ||
+           planned.kind == FaultKind::PauseAllMembers || planned.kind == FaultKind::DeletePath ||
+           (OfNetwork(planned.kind) && planned.target.allMembers);
 }
 
 bool Silences(FaultKind kind)
@@ -101,10 +108,21 @@ void Send(RawClient& client, Request request)
         case Request::Sync:
             client.Sync();
             break;
+        case Request::GetData:
+            client.Data(path);
+            break;
         default:
             client.Exists(path);
             break;
     }
+}
+
+void SendMulti(const std::string& server)
+{
+    SessionOptions options;
+    options.servers = server;
+    TransactionResult result;
+    Session::Open(options)->Transact({Operation::Check("/")}, result);
 }
 
 std::string Label(const PlannedFault& planned, const std::string& member)
@@ -114,7 +132,7 @@ std::string Label(const PlannedFault& planned, const std::string& member)
     {
         label += std::string(" of ") + Name(planned.request);
     }
-    if (!HitsAll(planned))
+    if (!ConcernsAll(planned))
     {
         label += " " + member;
     }
@@ -123,6 +141,10 @@ std::string Label(const PlannedFault& planned, const std::string& member)
     if (chosen && planned.target.server)
     {
         label += " s" + std::to_string(*planned.target.server + 1);
+    }
+    if (planned.leaving && planned.kind != FaultKind::LeaveInTurn)
+    {
+        label += ", leaders leaving";
     }
     return label;
 }
@@ -138,7 +160,8 @@ Fault Injector::Strike(const PlannedFault& planned)
     fault.label = Label(planned, Stage::NameOf(member));
     fault.silences = Silences(planned.kind);
     fault.takesNodes = TakesNodes(planned.kind);
-    if (!HitsAll(planned))
+    fault.leaving = planned.leaving;
+    if (!ConcernsAll(planned))
     {
         fault.members = {Stage::NameOf(member)};
     }
@@ -155,6 +178,10 @@ Fault Injector::Strike(const PlannedFault& planned)
     else if (OfMember(planned.kind))
     {
         StrikeMember(planned, member);
+    }
+    else if (planned.kind == FaultKind::LeaveInTurn)
+    {
+        HaveLeaderLeave();
     }
     else if (OfServers(planned.kind))
     {
@@ -231,6 +258,17 @@ void Injector::StrikeRequest(const PlannedFault& planned, std::size_t member)
     undo_ = [this, link, request = planned.request] { Drain(*link, request); };
 }
 
+void Injector::HaveLeaderLeave()
+{
+    const Stage::Lead lead = stage_.LatestLead();
+    ChildProcess& process = stage_.Process(lead.member);
+    if (lead.when.begin != asked_ && Now() - lead.when.end < kRecently && process.Running())
+    {
+        asked_ = lead.when.begin;
+        process.Signal(SIGUSR1);
+    }
+}
+
 void Injector::StrikeMember(const PlannedFault& planned, std::size_t member)
 {
     switch (planned.kind)
@@ -273,10 +311,10 @@ void Injector::StrikeServers(const PlannedFault& planned)
             PauseServers({*planned.target.server});
             break;
         case FaultKind::KillServersLeader:
-            KillServers({stage_.Servers().LeaderIndex()});
+            KillServers({stage_.Servers().LeaderIndex(Stage::kServersReturn)});
             break;
         case FaultKind::PauseServersLeader:
-            PauseServers({stage_.Servers().LeaderIndex()});
+            PauseServers({stage_.Servers().LeaderIndex(Stage::kServersReturn)});
             break;
         case FaultKind::LoseQuorum:
             KillServers({0, 1});
@@ -339,7 +377,7 @@ void Injector::PauseServers(const std::vector<std::size_t>& servers)
         }
         for (const std::size_t server : servers)
         {
-            stage_.Servers().Server(server).AwaitServing();
+            stage_.Servers().Server(server).AwaitServing(Stage::kServersReturn);
         }
     };
 }
@@ -351,8 +389,15 @@ void Injector::Drain(Proxy& link, Request request)
         {
             try
             {
-                RawClient client(link.Address());
-                Send(client, request);
+                if (request == Request::Multi)
+                {
+                    SendMulti(link.Address());
+                }
+                else
+                {
+                    RawClient client(link.Address());
+                    Send(client, request);
+                }
             }
             catch (const std::runtime_error&)
             {

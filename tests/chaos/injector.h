@@ -24,6 +24,9 @@ public:
     /// Ends what `Strike` began; blocks until servers that were gone serve again.
     void Undo();
 
+    /// Has whoever leads leave and join again, once per leadership.
+    void HaveLeaderLeave();
+
 private:
     void StrikeNetwork(const PlannedFault& planned, std::size_t member);
     void StrikeRequest(const PlannedFault& planned, std::size_t member);
@@ -39,6 +42,8 @@ private:
 
     Stage& stage_;
     std::function<void()> undo_;
+    /// When the lead began whose holder was asked to leave.
+    Instant asked_{};
 };
 
 }  // namespace kx::velmor::chaos

@@ -124,7 +124,8 @@ Leaderless CheckLeaderless(const History& history, const Bounds& bounds, const R
         std::vector<Interval> windows;
         for (const Fault& fault : history.faults)
         {
-            if ((last != nullptr && Hits(fault, *last->member)) || (next != nullptr && Hits(fault, *next->member)))
+            if (fault.leaving || (last != nullptr && Hits(fault, *last->member)) ||
+                (next != nullptr && Hits(fault, *next->member)))
             {
                 windows.push_back({fault.when.begin, fault.when.end + bounds.Aftermath(fault)});
             }

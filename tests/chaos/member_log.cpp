@@ -109,6 +109,39 @@ void MemberLog::Leads(View view, int stay, Instant begin, Instant seen)
     Write(line.dump());
 }
 
+void MemberLog::Tenure(const chaos::Tenure& tenure)
+{
+    Json line = NewLine("tenure");
+    line["epoch"] = tenure.epoch;
+    line["from"] = tenure.from.count();
+    line["until"] = tenure.until.count();
+    Write(line.dump());
+}
+
+void MemberLog::Gained(std::int64_t epoch)
+{
+    Json line = NewLine("gained");
+    line["epoch"] = epoch;
+    Write(line.dump());
+}
+
+void MemberLog::LostLead(const std::string& reason)
+{
+    Json line = NewLine("lost");
+    line["reason"] = reason;
+    Write(line.dump());
+}
+
+void MemberLog::Next()
+{
+    Write(NewLine("next").dump());
+}
+
+void MemberLog::NextLost()
+{
+    Write(NewLine("next lost").dump());
+}
+
 void MemberLog::Consumption(const Resources& resources)
 {
     Json line = NewLine("resources");

@@ -55,6 +55,12 @@ public:
     void Turn();
     /// A stretch of leadership, begun at `begin` and seen to last until `seen`. Written again and again as it grows.
     void Leads(View view, int stay, Instant begin, Instant seen);
+    /// What a candidate was asked, and what it told. Tenures are written again and again as they grow.
+    void Tenure(const chaos::Tenure& tenure);
+    void Gained(std::int64_t epoch);
+    void LostLead(const std::string& reason);
+    void Next();
+    void NextLost();
     void Consumption(const Resources& resources);
     void Trouble(const std::string& what);
 

@@ -3,6 +3,7 @@
 #include "tests/chaos/leadership_track.h"
 #include "tests/chaos/member_reader.h"
 #include "tests/chaos/role_book.h"
+#include "tests/chaos/tenure_track.h"
 #include "tests/support/temporary_directory.h"
 
 #include <gmock/gmock.h>
@@ -133,6 +134,102 @@ TEST_F(ChaosMemberLog, TellsARoleOnceAndNoneAfterTheNodeIsLost)
     EXPECT_THAT(Roles(), ElementsAre("joining", "next", "leader", "lost", "joining", "follower"));
     EXPECT_EQ(book.Present().number, 2);
     EXPECT_EQ(book.Present().session, 78);
+}
+
+TEST_F(ChaosMemberLog, KeepsTheLatestOfATenureThatGrows)
+{
+    MemberLog log(file_);
+    log.Started();
+    log.Tenure({10, 5s, 6s});
+    log.Tenure({10, 5s, 7s});
+    log.Tenure({0, 9s, 8s});
+    log.Tenure({11, 9s, 9s});
+    const Member& member = reader_.Update();
+    ASSERT_THAT(member.tenures, SizeIs(3));
+    EXPECT_EQ(member.tenures[0].epoch, 10);
+    EXPECT_EQ(member.tenures[0].from, 5s);
+    EXPECT_EQ(member.tenures[0].until, 7s);
+    EXPECT_EQ(member.tenures[1].until, 8s);
+    EXPECT_EQ(member.tenures[2].epoch, 11);
+    EXPECT_THAT(member.lines, SizeIs(4));
+    ASSERT_TRUE(LastLead(member));
+    EXPECT_EQ(LastLead(member)->end, 9s);
+}
+
+TEST_F(ChaosMemberLog, KeepsWhatCallbacksToldAndInWhichProcess)
+{
+    for (int process = 0; process < 2; ++process)
+    {
+        MemberLog log(file_);
+        log.Started();
+        log.Next();
+        log.NextLost();
+        log.Gained(42);
+        log.LostLead("lease ran out");
+    }
+    const std::vector<Notice>& notices = reader_.Update().notices;
+    ASSERT_THAT(notices, SizeIs(8));
+    EXPECT_EQ(notices[0].kind, Notice::Kind::Next);
+    EXPECT_EQ(notices[1].kind, Notice::Kind::NextLost);
+    EXPECT_EQ(notices[2].kind, Notice::Kind::Gained);
+    EXPECT_EQ(notices[2].epoch, 42);
+    EXPECT_EQ(notices[3].kind, Notice::Kind::Lost);
+    EXPECT_EQ(notices[3].reason, "lease ran out");
+    EXPECT_EQ(notices[3].life, 0U);
+    EXPECT_EQ(notices[4].life, 1U);
+}
+
+TEST(ChaosSuccessions, AreOneLessThanTheTimesThatSomebodyCameToLead)
+{
+    Member first;
+    Member second;
+    EXPECT_EQ(Successions({&first, &second}), 0U);
+    first.roles = {{1s, "next"}, {2s, "leader"}, {3s, "joining"}, {5s, "leader"}};
+    second.roles = {{4s, "leader"}};
+    EXPECT_EQ(Successions({&first, &second}), 2U);
+}
+
+/// A call with these readings of the clock, in nanoseconds.
+Call MadeBetween(int before, int after)
+{
+    return {BootClock::time_point(std::chrono::nanoseconds(before)),
+            BootClock::time_point(std::chrono::nanoseconds(after))};
+}
+
+class ChaosTenureTrack : public ::testing::Test
+{
+protected:
+    std::vector<std::tuple<std::int64_t, Instant, Instant>> told_;
+    TenureTrack track_{[this](const Tenure& tenure) { told_.emplace_back(tenure.epoch, tenure.from, tenure.until); }};
+};
+
+TEST_F(ChaosTenureTrack, ClaimsWhatLiesBetweenTheFirstReturnAndTheLastCall)
+{
+    track_.Stood(7, MadeBetween(10'100, 20'100));
+    // Stopped in between, and it still stood afterwards.
+    track_.Stood(7, MadeBetween(5'000'900, 9'000'000));
+    track_.End();
+    track_.End();
+    EXPECT_THAT(told_, ElementsAre(std::make_tuple(7, 21us, 10us), std::make_tuple(7, 21us, 5'000us)));
+}
+
+TEST_F(ChaosTenureTrack, TellsEpochsApart)
+{
+    track_.Stood(7, MadeBetween(1'000, 2'000));
+    track_.Stood(8, MadeBetween(3'000, 4'000));
+    track_.SomeStood(MadeBetween(5'000, 6'000));
+    EXPECT_THAT(told_, ElementsAre(std::make_tuple(7, 2us, 1us), std::make_tuple(7, 2us, 1us),
+                                   std::make_tuple(8, 4us, 3us), std::make_tuple(0, 6us, 5us)));
+}
+
+TEST_F(ChaosTenureTrack, TellsOfATenureWhileItGrows)
+{
+    for (int at = 0; at <= 25'000'000; at += 5'000'000)
+    {
+        track_.Stood(7, MadeBetween(at, at));
+    }
+    EXPECT_THAT(told_, ElementsAre(std::make_tuple(7, 0us, 0us), std::make_tuple(7, 0us, 10'000us),
+                                   std::make_tuple(7, 0us, 20'000us)));
 }
 
 TEST(ChaosLeadershipTrack, ClaimsNoTimeInWhichNobodyLooked)

@@ -63,15 +63,13 @@ void MemberReader::Add(const std::string& text)
     }
     member_.lives.at(member_.lives.size() - 1).end = at;
     static const std::map<std::string, void (MemberReader::*)(const Json&)> handlers{
-        {"session", &MemberReader::Session},
-        {"trouble", &MemberReader::OwnerSign},
-        {"turn", &MemberReader::OwnerSign},
-        {"joining", &MemberReader::Joining},
-        {"role", &MemberReader::Role},
-        {"node", &MemberReader::Node},
-        {"queued", &MemberReader::Queued},
-        {"leads", &MemberReader::Leads},
-        {"resources", &MemberReader::Consumption},
+        {"session", &MemberReader::Session},    {"trouble", &MemberReader::OwnerSign},
+        {"turn", &MemberReader::OwnerSign},     {"joining", &MemberReader::Joining},
+        {"role", &MemberReader::Role},          {"node", &MemberReader::Node},
+        {"queued", &MemberReader::Queued},      {"leads", &MemberReader::Leads},
+        {"tenure", &MemberReader::TenureOf},    {"gained", &MemberReader::NoticeOf},
+        {"lost", &MemberReader::NoticeOf},      {"next", &MemberReader::NoticeOf},
+        {"next lost", &MemberReader::NoticeOf}, {"resources", &MemberReader::Consumption},
     };
     (this->*handlers.at(what))(line);
 }
@@ -133,6 +131,34 @@ void MemberReader::Leads(const Json& line)
     {
         all.push_back(leads);
     }
+}
+
+void MemberReader::TenureOf(const Json& line)
+{
+    const Tenure tenure{line.at("epoch").get<std::int64_t>(), At(line, "from"), At(line, "until")};
+    std::vector<Tenure>& all = member_.tenures;
+    if (!all.empty() && all.back().epoch == tenure.epoch && all.back().from == tenure.from)
+    {
+        all.back() = tenure;
+        // One line of it is enough for whoever reads what happened.
+        member_.lines.pop_back();
+    }
+    else
+    {
+        all.push_back(tenure);
+    }
+}
+
+void MemberReader::NoticeOf(const Json& line)
+{
+    static const std::map<std::string, Notice::Kind> kinds{{"gained", Notice::Kind::Gained},
+                                                           {"lost", Notice::Kind::Lost},
+                                                           {"next", Notice::Kind::Next},
+                                                           {"next lost", Notice::Kind::NextLost}};
+    Notice notice{At(line), kinds.at(line.at("is").get<std::string>()), member_.lives.size() - 1};
+    notice.epoch = line.value("epoch", notice.epoch);
+    notice.reason = line.value("reason", notice.reason);
+    member_.notices.push_back(notice);
 }
 
 void MemberReader::Consumption(const Json& line)

@@ -35,6 +35,8 @@ private:
     void Node(const Json& line);
     void Queued(const Json& line);
     void Leads(const Json& line);
+    void TenureOf(const Json& line);
+    void NoticeOf(const Json& line);
     void Consumption(const Json& line);
 
     std::size_t StayIndex(const Json& line) const;

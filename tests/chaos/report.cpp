@@ -29,14 +29,47 @@ std::string Text(Instant time)
     return text;
 }
 
+std::string InWords(const Leaderless& leaderless)
+{
+    return "leaderless " + Text(leaderless.total) + ", explained " + Text(leaderless.explained) + ", unexplained " +
+           Text(leaderless.Unexplained()) + ", longest " + Text(leaderless.longestUnexplained);
+}
+
 std::string InWords(const char* name, const ViewReport& view)
 {
     std::ostringstream text;
     text << name << ": " << view.overlaps.count << " overlaps, " << Text(view.overlaps.total) << " (by an operator "
-         << Text(view.overlaps.byOperator) << "); leaderless " << Text(view.leaderless.total) << ", explained "
-         << Text(view.leaderless.explained) << ", unexplained " << Text(view.leaderless.Unexplained()) << ", longest "
-         << Text(view.leaderless.longestUnexplained);
+         << Text(view.overlaps.byOperator) << "); " << InWords(view.leaderless);
     return text.str();
+}
+
+std::string InWords(const CandidateReport& candidates)
+{
+    std::ostringstream text;
+    text << candidates.Successions() << " successions; leaderships ended with:";
+    const char* separator = " ";
+    for (const auto& [reason, count] : candidates.losses)
+    {
+        text << separator << count << ' ' << reason;
+        separator = ", ";
+    }
+    text << "; " << candidates.stays << " stays in second place\n"
+         << "by IsLeader: " << candidates.overlaps.count << " overlaps, " << candidates.overlaps.total.count()
+         << " us; " << InWords(candidates.leaderless);
+    return text.str();
+}
+
+Json ToJson(const CandidateReport& candidates)
+{
+    return {{"successions", candidates.Successions()},
+            {"losses", candidates.losses},
+            {"stays_in_second_place", candidates.stays},
+            {"overlaps", candidates.overlaps.count},
+            {"overlap_us", candidates.overlaps.total.count()},
+            {"leaderless_ms", Milliseconds(candidates.leaderless.total)},
+            {"leaderless_explained_ms", Milliseconds(candidates.leaderless.explained)},
+            {"leaderless_unexplained_ms", Milliseconds(candidates.leaderless.Unexplained())},
+            {"leaderless_longest_unexplained_ms", Milliseconds(candidates.leaderless.longestUnexplained)}};
 }
 
 Json ToJson(const ViewReport& view)
@@ -92,10 +125,17 @@ std::string Summary(const History& history, const Report& report)
 {
     std::ostringstream text;
     text << Length(history.whole).count() / 1'000'000 << " s, " << history.members.size() << " members, "
-         << history.faults.size() << " faults, " << report.leaderships << " leaderships\n"
-         << InWords("by flags", report.byFlag) << '\n'
-         << InWords("by the session's view", report.bySession) << '\n'
-         << report.orphans << " orphans, " << report.hangs << " hangs, " << report.growths << " growths, "
+         << history.faults.size() << " faults, " << report.leaderships << " leaderships\n";
+    if (report.candidates)
+    {
+        text << InWords(*report.candidates) << '\n';
+    }
+    else
+    {
+        text << InWords("by flags", report.byFlag) << '\n'
+             << InWords("by the session's view", report.bySession) << '\n';
+    }
+    text << report.orphans << " orphans, " << report.hangs << " hangs, " << report.growths << " growths, "
          << report.violations.size() << " violations";
     if (history.ending)
     {
@@ -115,18 +155,26 @@ std::string ToJson(const History& history, const Report& report)
     {
         violations.push_back({{"rule", violation.rule}, {"text", violation.text}, {"at", violation.at.count()}});
     }
-    const Json json{{"duration_ms", Milliseconds(Length(history.whole))},
-                    {"members", history.members.size()},
-                    {"faults", history.faults.size()},
-                    {"leaderships", report.leaderships},
-                    {"complete", history.ending.has_value()},
-                    {"watches_at_rest", history.ending ? Json(history.ending->watches) : Json()},
-                    {"by_flag", ToJson(report.byFlag)},
-                    {"by_session", ToJson(report.bySession)},
-                    {"orphans", report.orphans},
-                    {"hangs", report.hangs},
-                    {"growths", report.growths},
-                    {"violations", violations}};
+    Json json{{"with", Name(history.subject)},
+              {"duration_ms", Milliseconds(Length(history.whole))},
+              {"members", history.members.size()},
+              {"faults", history.faults.size()},
+              {"leaderships", report.leaderships},
+              {"complete", history.ending.has_value()},
+              {"watches_at_rest", history.ending ? Json(history.ending->watches) : Json()},
+              {"orphans", report.orphans},
+              {"hangs", report.hangs},
+              {"growths", report.growths},
+              {"violations", violations}};
+    if (report.candidates)
+    {
+        json["candidates"] = ToJson(*report.candidates);
+    }
+    else
+    {
+        json["by_flag"] = ToJson(report.byFlag);
+        json["by_session"] = ToJson(report.bySession);
+    }
     return json.dump(2, ' ', false, Json::error_handler_t::replace);
 }
 

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace kx::velmor::chaos {
 
@@ -20,11 +21,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// With a tick of 100 ms the servers look for expired sessions often enough for this.
-constexpr milliseconds kSessionTimeout{2'000};
 /// For what takes some seconds.
 constexpr milliseconds kRestDeadline{60'000};
 constexpr milliseconds kLook{20};
+constexpr milliseconds kLookWhileLeaving{5};
 
 constexpr const char* kFaultsFile = "faults.jsonl";
 
@@ -42,10 +42,10 @@ bool EndSignalPending()
 
 Run::Run(RunOptions options)
     : options_(std::move(options)),
-      stage_(options_.members, kSessionTimeout, options_.directory),
+      stage_(options_.subject, options_.members, options_.sessionTimeout, options_.directory),
       injector_(stage_),
-      plan_(options_.seed, options_.members, stage_.Servers().Size(), kSessionTimeout),
-      history_{{Now(), Now()}, kSessionTimeout}
+      plan_(options_.seed, options_.members, stage_.Servers().Size(), options_.sessionTimeout, options_.subject),
+      history_{{Now(), Now()}, options_.sessionTimeout, options_.subject}
 {
     // Of an earlier run.
     std::filesystem::remove(options_.directory / kFaultsFile);
@@ -55,12 +55,12 @@ History Run::Play()
 {
     Start();
     const Instant end = Now() + options_.length;
-    while (!Interrupted() && Now() < end)
+    while (!Interrupted() && Now() < end && (options_.successions == 0 || CountSuccessions() < options_.successions))
     {
         DoFault(plan_.Next());
     }
-    std::cout << Clock() << " all faults are healed" << std::endl;
-    const Ending ending = AwaitRest(stage_, kRestDeadline, [this] {
+    std::cout << Clock() << " all faults are healed, after " << CountSuccessions() << " successions" << std::endl;
+    const Ending ending = AwaitRest(stage_, options_.subject, kRestDeadline, [this] {
         LookAfterMembers();
         return Interrupted();
     });
@@ -91,7 +91,7 @@ void Run::Start()
     {
         stage_.StartMember(i);
     }
-    const Ending begin = AwaitRest(stage_, kRestDeadline, [this] { return Interrupted(); });
+    const Ending begin = AwaitRest(stage_, options_.subject, kRestDeadline, [this] { return Interrupted(); });
     if (!begin.unrest.empty() && !interrupted_)
     {
         throw std::runtime_error("the election does not begin: " + begin.unrest);
@@ -110,16 +110,17 @@ void Run::DoFault(const PlannedFault& planned)
         std::cout << " for " << planned.duration.count() << " ms";
     }
     std::cout << std::endl;
-    Pass(planned.duration);
+    Pass(planned.duration, planned.leaving);
     injector_.Undo();
     killing_ = false;
     fault.when.end = Now();
     Note(fault);
-    Pass(planned.pause);
+    Pass(planned.pause, planned.leaving && planned.kind != FaultKind::LeaveInTurn);
 }
 
-void Run::Pass(milliseconds time)
+void Run::Pass(milliseconds time, bool leaving)
 {
+    const milliseconds look = leaving ? kLookWhileLeaving : kLook;
     const Instant end = Now() + time;
     while (!Interrupted() && Now() < end)
     {
@@ -127,10 +128,24 @@ void Run::Pass(milliseconds time)
         {
             LookAfterMembers();
         }
+        if (leaving)
+        {
+            injector_.HaveLeaderLeave();
+        }
         ShowProgress();
         const auto left = std::chrono::duration_cast<milliseconds>(end - Now());
-        std::this_thread::sleep_for(std::clamp(left, milliseconds(1), kLook));
+        std::this_thread::sleep_for(std::clamp(left, milliseconds(1), look));
     }
+}
+
+std::size_t Run::CountSuccessions()
+{
+    std::vector<const Member*> members;
+    for (std::size_t i = 0; i < stage_.Members(); ++i)
+    {
+        members.push_back(&stage_.HistoryOf(i));
+    }
+    return Successions(members);
 }
 
 bool Run::Interrupted()

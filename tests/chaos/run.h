@@ -15,7 +15,11 @@ namespace kx::velmor::chaos {
 
 struct RunOptions
 {
+    Subject subject = Subject::Candidate;
+    std::chrono::milliseconds sessionTimeout{1'000};
     std::chrono::seconds length{60};
+    /// The run ends earlier when the lead has changed hands this often; 0: never.
+    std::size_t successions = 0;
     std::uint64_t seed = 1;
     std::size_t members = 5;
     /// Where histories go.
@@ -40,7 +44,8 @@ private:
     void Start();
     void DoFault(const PlannedFault& planned);
     /// Sleeps, with a look at signals and processes; returns at once when interrupted.
-    void Pass(std::chrono::milliseconds time);
+    void Pass(std::chrono::milliseconds time, bool leaving);
+    std::size_t CountSuccessions();
     bool Interrupted();
     /// Starts members anew that have ended by themselves.
     void LookAfterMembers();

@@ -20,8 +20,13 @@ std::filesystem::path MemberProgram()
 
 }  // namespace
 
-Stage::Stage(std::size_t members, std::chrono::milliseconds sessionTimeout, std::filesystem::path directory)
-    : sessionTimeout_(sessionTimeout), directory_(std::move(directory)), links_(members), processes_(members)
+Stage::Stage(Subject subject, std::size_t members, std::chrono::milliseconds sessionTimeout,
+             std::filesystem::path directory)
+    : subject_(subject),
+      sessionTimeout_(sessionTimeout),
+      directory_(std::move(directory)),
+      links_(members),
+      processes_(members)
 {
     for (std::size_t member = 0; member < members; ++member)
     {
@@ -54,6 +59,8 @@ void Stage::StartMember(std::size_t member)
     }
     ProcessOptions options;
     options.command = {MemberProgram(),
+                       "--with",
+                       Name(subject_),
                        "--servers",
                        addresses,
                        "--path",
@@ -74,7 +81,7 @@ void Stage::RestartServers(const std::vector<std::size_t>& servers)
     }
     for (const std::size_t server : servers)
     {
-        servers_.Server(server).AwaitServing();
+        servers_.Server(server).AwaitServing(kServersReturn);
     }
 }
 
@@ -94,20 +101,18 @@ std::vector<Proxy*> Stage::Links(std::optional<std::size_t> member, std::optiona
     return chosen;
 }
 
-std::size_t Stage::Leader()
+Stage::Lead Stage::LatestLead()
 {
-    std::size_t leader = 0;
-    Instant latest{0};
+    Lead latest;
     for (std::size_t i = 0; i < Members(); ++i)
     {
-        const Member& member = HistoryOf(i);
-        if (!member.bySession.empty() && member.bySession.back().when.end > latest)
+        const std::optional<Interval> lead = LastLead(HistoryOf(i));
+        if (lead && lead->end > latest.when.end)
         {
-            latest = member.bySession.back().when.end;
-            leader = i;
+            latest = {i, *lead};
         }
     }
-    return leader;
+    return latest;
 }
 
 std::size_t Stage::Watches()

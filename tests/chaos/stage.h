@@ -23,7 +23,11 @@ namespace kx::velmor::chaos {
 class Stage
 {
 public:
-    Stage(std::size_t members, std::chrono::milliseconds sessionTimeout, std::filesystem::path directory);
+    /// Within this time servers are expected to serve again, on a machine that is busy with other things, too.
+    static constexpr std::chrono::seconds kServersReturn{90};
+
+    Stage(Subject subject, std::size_t members, std::chrono::milliseconds sessionTimeout,
+          std::filesystem::path directory);
     /// No process stays behind.
     ~Stage() = default;
 
@@ -45,8 +49,15 @@ public:
 
     /// The member's history up to now.
     const Member& HistoryOf(std::size_t member) { return readers_.at(member).Update(); }
-    /// Who was the last to be sure that it leads; the first member when nobody ever was.
-    std::size_t Leader();
+    /// Who was the last to be sure that it leads, and when that began and was last seen.
+    struct Lead
+    {
+        /// The first member when nobody ever was.
+        std::size_t member = 0;
+        Interval when{};
+    };
+    Lead LatestLead();
+    std::size_t Leader() { return LatestLead().member; }
 
     /// How many watches the servers keep. Only while all of them serve.
     std::size_t Watches();
@@ -55,6 +66,7 @@ public:
     std::string Addresses() const { return servers_.Addresses(); }
 
 private:
+    const Subject subject_;
     const std::chrono::milliseconds sessionTimeout_;
     const std::filesystem::path directory_;
     const std::string path_ = "/chaos/election";

@@ -34,7 +34,7 @@ struct Colour
 
 constexpr Colour kRoles[] = {{"leader", "#2e7d32"},  {"next", "#fbc02d"}, {"follower", "#90caf9"},
                              {"joining", "#e1bee7"}, {"lost", "#ef9a9a"}, {"left", "#eeeeee"}};
-constexpr const char* kSessionColour = "#0d47a1";
+constexpr const char* kSureColour = "#0d47a1";
 
 const char* ColourOf(const std::string& role)
 {
@@ -207,11 +207,23 @@ private:
         }
         for (const Leadership& leadership : member.bySession)
         {
-            const double x = X(leadership.when.begin);
-            Rectangle(x, y + 8 + kRoleBand + 2, std::max(X(leadership.when.end) - x, 0.5), kSessionBand,
-                      std::string("fill=\"") + kSessionColour + '"');
+            SureLead(leadership.when, y);
+        }
+        for (const Tenure& tenure : member.tenures)
+        {
+            if (tenure.epoch != 0)
+            {
+                SureLead({tenure.from, tenure.until}, y);
+            }
         }
         svg_ << "</g>\n";
+    }
+
+    void SureLead(const Interval& when, double y)
+    {
+        const double x = X(when.begin);
+        Rectangle(x, y + 8 + kRoleBand + 2, std::max(X(when.end) - x, 0.5), kSessionBand,
+                  std::string("fill=\"") + kSureColour + '"');
     }
 
     /// When the process that lived then was last heard of.
@@ -240,7 +252,8 @@ private:
         {
             entry(role.what, std::string("fill=\"") + role.colour + '"', 10);
         }
-        entry("leader by the session's view", std::string("fill=\"") + kSessionColour + '"', kSessionBand);
+        entry(history_.subject == Subject::Candidate ? "leader by IsLeader" : "leader by the session's view",
+              std::string("fill=\"") + kSureColour + '"', kSessionBand);
         entry("fault", R"(fill="#616161" fill-opacity="0.25")", 14);
     }
 

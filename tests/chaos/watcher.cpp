@@ -1,34 +1,12 @@
 #include "tests/chaos/watcher.h"
 
-#include <unistd.h>
-
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 namespace kx::velmor::chaos {
 
 namespace {
 
 constexpr std::chrono::milliseconds kLookEvery{2};
-constexpr std::chrono::seconds kMeasureEvery{1};
-
-std::int64_t Entries(const char* directory)
-{
-    const std::filesystem::directory_iterator entries(directory);
-    return std::distance(begin(entries), end(entries));
-}
-
-Resources Measure(Instant at)
-{
-    std::int64_t size = 0;
-    std::int64_t resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    const std::int64_t pageKilobytes = ::sysconf(_SC_PAGESIZE) / 1024;
-    // The descriptor with which they are counted does not count.
-    return {at, resident * pageKilobytes, Entries("/proc/self/task"), Entries("/proc/self/fd") - 1};
-}
 
 LeadershipTrack::Tell TellTo(MemberLog& log, View view)
 {
@@ -42,7 +20,7 @@ Watcher::Watcher(std::shared_ptr<const CandidateImpl> candidate, std::shared_ptr
     : candidate_(std::move(candidate)),
       session_(std::move(session)),
       book_(book),
-      log_(log),
+      meter_(log),
       byFlag_(TellTo(log, View::Flag)),
       bySession_(TellTo(log, View::Session)),
       thread_([this] { Run(); })
@@ -56,16 +34,10 @@ Watcher::~Watcher()
 
 void Watcher::Run()
 {
-    Instant measured{};
     while (!ends_)
     {
         Look();
-        const Instant now = Now();
-        if (now - measured >= kMeasureEvery)
-        {
-            measured = now;
-            log_.Consumption(Measure(now));
-        }
+        meter_.MeasureWhenDue();
         std::this_thread::sleep_for(kLookEvery);
     }
     byFlag_.Finish();

@@ -3,6 +3,7 @@
 #include "source/candidate_impl.h"
 #include "tests/chaos/leadership_track.h"
 #include "tests/chaos/member_log.h"
+#include "tests/chaos/meter.h"
 #include "tests/chaos/role_book.h"
 
 #include <kx/velmor/registration.h>
@@ -35,7 +36,7 @@ private:
     const std::shared_ptr<const CandidateImpl> candidate_;
     const std::shared_ptr<Session> session_;
     const RoleBook& book_;
-    MemberLog& log_;
+    Meter meter_;
     LeadershipTrack byFlag_;
     LeadershipTrack bySession_;
     bool freshKept_ = false;

@@ -118,6 +118,15 @@ TEST_F(ChaosChecker, DoesNotForgiveALeaderForWhatWasDoneToAnother)
     EXPECT_THAT(Rules(Check(history_)), ElementsAre("overlap"));
 }
 
+TEST_F(ChaosChecker, ForgivesADeletedLeaderForAsLongAsOtherFaultsKeepItFromTheServers)
+{
+    history_.AddFault("delete node", 50s, 50s, {"m1"}).takesNodes = true;
+    history_.Lead(1, 0, 59'900ms, 100s);
+    EXPECT_THAT(Rules(Check(history_)), ElementsAre("overlap"));
+    history_.AddFault("lose quorum", 50s, 59s);
+    EXPECT_THAT(Rules(Check(history_)), IsEmpty());
+}
+
 TEST_F(ChaosChecker, DoesNotForgiveADeletedLeaderForLong)
 {
     history_.AddFault("delete node", 50s, 50s, {"m1"}).takesNodes = true;

@@ -20,9 +20,12 @@ const std::map<std::string, Subject>& SubjectsByName()
 
 std::optional<Interval> LastLead(const Member& member)
 {
-    if (!member.tenures.empty())
+    // A single call begins each leadership: whoever counts those by their beginnings must not see two of them.
+    const auto tenure = std::find_if(member.tenures.rbegin(), member.tenures.rend(),
+                                     [](const Tenure& each) { return each.epoch != 0; });
+    if (tenure != member.tenures.rend())
     {
-        return Interval{member.tenures.back().from, member.tenures.back().until};
+        return Interval{tenure->from, tenure->until};
     }
     if (!member.bySession.empty())
     {

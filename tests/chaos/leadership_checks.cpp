@@ -27,9 +27,19 @@ bool Hits(const Fault& fault, const Member& member)
 /// Whether the member may have lost its node without knowing it yet.
 bool MayBeUnawares(const History& history, const Bounds& bounds, const Member& member, Instant at)
 {
+    std::vector<Interval> cutOff;
+    for (const Fault& fault : history.faults)
+    {
+        if (Hits(fault, member))
+        {
+            cutOff.push_back(fault.when);
+        }
+    }
     return std::any_of(history.faults.begin(), history.faults.end(), [&](const Fault& fault) {
+        // Nobody learns anything while other faults keep the servers away.
+        const Instant meanwhile = at > fault.when.end ? Covered({fault.when.end, at}, cutOff) : Instant{0};
         return fault.takesNodes && Hits(fault, member) &&
-               Contains({fault.when.begin, fault.when.end + bounds.Unawares()}, at);
+               Contains({fault.when.begin, fault.when.end + bounds.Unawares() + meanwhile}, at);
     });
 }
 

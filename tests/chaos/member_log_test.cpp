@@ -143,17 +143,19 @@ TEST_F(ChaosMemberLog, KeepsTheLatestOfATenureThatGrows)
     log.Tenure({10, 5s, 6s});
     log.Tenure({10, 5s, 7s});
     log.Tenure({0, 9s, 8s});
-    log.Tenure({11, 9s, 9s});
+    log.Tenure({11, 9s, 10s});
+    log.Tenure({0, 12s, 11s});
     const Member& member = reader_.Update();
-    ASSERT_THAT(member.tenures, SizeIs(3));
+    ASSERT_THAT(member.tenures, SizeIs(4));
     EXPECT_EQ(member.tenures[0].epoch, 10);
     EXPECT_EQ(member.tenures[0].from, 5s);
     EXPECT_EQ(member.tenures[0].until, 7s);
     EXPECT_EQ(member.tenures[1].until, 8s);
     EXPECT_EQ(member.tenures[2].epoch, 11);
-    EXPECT_THAT(member.lines, SizeIs(4));
+    EXPECT_THAT(member.lines, SizeIs(5));
     ASSERT_TRUE(LastLead(member));
-    EXPECT_EQ(LastLead(member)->end, 9s);
+    EXPECT_EQ(LastLead(member)->begin, 9s);
+    EXPECT_EQ(LastLead(member)->end, 10s);
 }
 
 TEST_F(ChaosMemberLog, KeepsWhatCallbacksToldAndInWhichProcess)

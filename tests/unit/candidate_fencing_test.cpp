@@ -235,7 +235,7 @@ TEST_F(CandidateFencingTest, PlaceThatIsOlderThanTheLastLeadershipDoesNotLead)
     ours->Stop();
     AdvanceUntil("its turn, later", [&] { return older->IsLeader(); });
     EXPECT_NE(older->NodeName(), place);
-    EXPECT_TRUE(Logged("older than the last leadership"));
+    Await("the log", [&] { return Logged("older than the last leadership"); });
 }
 
 TEST_F(CandidateFencingTest, EpochThatNobodyCanHaveHadKeepsNobodyAway)

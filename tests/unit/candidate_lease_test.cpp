@@ -109,8 +109,7 @@ TEST_F(CandidateLeaseTest, RunsOutBeforeTheNextOneLeads)
 {
     Member first(service_, "first");
     Member second(service_, "second");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
+    QueueUp({&first, &second});
     service_.Cut(first.Session());
     for (milliseconds passed{0}; passed < 2 * kTimeout; passed += milliseconds(100))
     {

@@ -47,9 +47,7 @@ TEST_F(CandidateRejoinTest, AfterAFollowersNodeWasDeleted)
     Member first(service_, "first");
     Member second(service_, "second");
     Member third(service_, "third");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
-    third.Become(Role::Follower);
+    QueueUp({&first, &second, &third});
     for (Member* const member : {&second, &third})
     {
         const std::string node = (*member)->NodeName();
@@ -77,8 +75,7 @@ TEST_F(CandidateRejoinTest, AfterTheElectionPathWasDeleted)
 {
     Member first(service_, "first");
     Member second(service_, "second");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
+    QueueUp({&first, &second});
     first.Await("gained");
     const std::int64_t before = first.LastLeadership().Epoch();
     for (const std::string& node : Queue())
@@ -157,7 +154,7 @@ TEST_F(CandidateRejoinTest, WhatCanNeverSucceedStopsIt)
         ASSERT_TRUE(ours->WaitForRole(Role::Stopped, kPatience));
         Await("an error", [&] { return !ours->Error().empty(); });
         EXPECT_EQ(ours->Error(), "could not join: not authenticated");
-        EXPECT_TRUE(Logged("gives up: could not join: not authenticated"));
+        Await("the log", [&] { return Logged("gives up: could not join: not authenticated"); });
         ours->Stop();
         service_.Refuse(path, ZOK);
         ExpectNobody();
@@ -194,8 +191,7 @@ TEST_F(CandidateRejoinTest, LeavingWithoutAServerEndsInTheBackground)
 {
     Member first(service_, "first");
     Member second(service_, "second");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
+    QueueUp({&first, &second});
     service_.Cut(first.Session());
     first->Stop();
     EXPECT_EQ(first->CurrentRole(), Role::Stopped);
@@ -212,8 +208,7 @@ TEST_F(CandidateRejoinTest, LeavingWithoutAServerOutlivesTheCandidate)
 {
     Member first(service_, "first");
     Member second(service_, "second");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
+    QueueUp({&first, &second});
     service_.Cut(first.Session());
     first.Destroy();
     service_.Heal(first.Session());

@@ -44,9 +44,7 @@ TEST_F(CandidateTest, SecondIsNextAndThirdFollows)
     Member first(service_, "first");
     Member second(service_, "second");
     Member third(service_, "third");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
-    third.Become(Role::Follower);
+    QueueUp({&first, &second, &third});
 
     second.Await("next");
     EXPECT_THAT(second.Lines(), ElementsAre("role joining", "role next leader", "next"));
@@ -62,9 +60,7 @@ TEST_F(CandidateTest, NextOneTakesOver)
     Member first(service_, "first");
     Member second(service_, "second");
     Member third(service_, "third");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
-    third.Become(Role::Follower);
+    QueueUp({&first, &second, &third});
 
     first->Stop();
 
@@ -90,8 +86,7 @@ TEST_F(CandidateTest, NodeIsDeletedOnlyAfterTheLossCallbackHasReturned)
         };
     });
     Member second(service_, "second");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
+    QueueUp({&first, &second});
 
     auto stopped = std::async(std::launch::async, [&] { first->Stop(); });
     told.get_future().wait();
@@ -125,8 +120,7 @@ TEST_F(CandidateTest, SlowLossCallbackHoldsUpTheNextOneAndTheReturnAlike)
         };
     });
     Member second(service_, "second");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
+    QueueUp({&first, &second});
     const std::string node = first->NodeName();
 
     service_.Delete("/election/" + node);
@@ -211,9 +205,7 @@ TEST_F(CandidateTest, RepeatedChecksRepeatNoCallbacks)
     Member first(service_, "first");
     Member second(service_, "second");
     Member third(service_, "third");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
-    third.Become(Role::Follower);
+    QueueUp({&first, &second, &third});
     first.Await("gained");
     second.Await("next");
     third.Await("role follower");
@@ -236,9 +228,7 @@ TEST_F(CandidateTest, NextIsToldOncePerStayInSecondPlace)
     Member first(service_, "first");
     Member second(service_, "second");
     Member third(service_, "third");
-    first.Become(Role::Leader);
-    second.Become(Role::NextLeader);
-    third.Become(Role::Follower);
+    QueueUp({&first, &second, &third});
 
     // Two in front of all: second becomes third by that at the latest, which its own looks find out.
     service_.Add("/election/a-stranger");

@@ -56,6 +56,15 @@ Leadership Member::LastLeadership() const
     return shared_->last.value();
 }
 
+void MemberTest::QueueUp(const std::vector<Member*>& members)
+{
+    const std::vector<Role> first{Role::Leader, Role::NextLeader};
+    for (std::size_t i = 0; i < members.size(); ++i)
+    {
+        members[i]->Become(i < first.size() ? first[i] : Role::Follower);
+    }
+}
+
 std::vector<std::string> MemberTest::Queue() const
 {
     return service_.Has("/election") ? service_.Children("/election") : std::vector<std::string>();

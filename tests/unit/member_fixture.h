@@ -57,6 +57,8 @@ protected:
     static constexpr std::chrono::milliseconds kTimeout{9'000};
     static constexpr std::chrono::milliseconds kLease{6'000};
 
+    /// Starts them one after the other: a leader, the next one, followers.
+    static void QueueUp(const std::vector<Member*>& members);
     /// What the queue holds, in its order, and what stands beside it.
     std::vector<std::string> Queue() const;
     std::vector<std::string> Identities() const;

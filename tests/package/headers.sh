@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compiles each public header alone, twice over.
+# Compiles each public header alone, twice over. That of the candidate needs nobody's headers but this library's.
 # Usage: headers.sh <include directory> <compiler>...
 set -euo pipefail
 
@@ -13,5 +13,9 @@ for compiler in "$@"; do
         printf '#include <%s>\n#include <%s>\n' "$header" "$header" |
             "$compiler" -std=c++17 -Wall -Wextra -Wshadow -Wconversion -Werror -fsyntax-only -I . -x c++ -
     done
+    if printf '#include <kx/velmor/candidate.h>\n' | "$compiler" -std=c++17 -M -I . -x c++ - | grep zookeeper/; then
+        echo "candidate.h includes the client library's headers" >&2
+        exit 1
+    fi
     echo "$compiler: ${#headers[@]} headers"
 done

@@ -149,6 +149,8 @@ private:
     /// From joining to leaving.
     void StayInQueue(std::int64_t session);
     bool Join(QueuePlace& place);
+    /// Nobody can be told any more, the log included: what refers to static objects must not run.
+    void EndWithTheProcess();
     void HoldPlace(QueuePlace& place);
     Duty AwaitDuty(BootClock::time_point claimAt, BootClock::time_point lookAt);
     /// Returns when to try again, unless there is news before.

@@ -197,6 +197,7 @@ bool CandidateCore::Join(QueuePlace& place)
         const ExitGate::Pass pass;
         if (!pass)
         {
+            EndWithTheProcess();
             return false;
         }
         place.Join();
@@ -235,8 +236,7 @@ void CandidateCore::HoldPlace(QueuePlace& place)
         }
         if (!pass)
         {
-            const Access access(*this);
-            EndStay(LossReason::Left);
+            EndWithTheProcess();
             return;
         }
         if (duty == Duty::Claim)
@@ -256,6 +256,16 @@ void CandidateCore::HoldPlace(QueuePlace& place)
             lookAt = session_->Now() + SessionTimeout() / (leading ? kLeadersLooksPerTimeout : 1);
         }
     }
+}
+
+void CandidateCore::EndWithTheProcess()
+{
+    const MutexLock lock(mutex_);
+    lease_->Revoke();
+    stay_.over = LossReason::Left;
+    wanted_ = false;
+    role_ = Role::Stopped;
+    changed_.NotifyAll();
 }
 
 CandidateCore::Duty CandidateCore::AwaitDuty(BootClock::time_point claimAt, BootClock::time_point lookAt)

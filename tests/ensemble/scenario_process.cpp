@@ -1,8 +1,9 @@
 // A process with members of an election, for scenario_process_test to stop, to starve and to let end in odd ways.
 //
-//   scenario_process stay|return|exit <servers> <election path> <session timeout, ms>
+//   scenario_process stay|return|exit|candidates|owned-candidates <servers> <election path> <session timeout, ms>
 #include "source/candidate_impl.h"
 
+#include <kx/velmor/candidate.h>
 #include <kx/velmor/error.h>
 #include <kx/velmor/session.h>
 
@@ -20,7 +21,9 @@
 
 namespace {
 
+using kx::velmor::Candidate;
 using kx::velmor::CandidateImpl;
+using kx::velmor::CandidateOptions;
 using kx::velmor::Session;
 using kx::velmor::SessionOptions;
 using kx::velmor::VelmorError;
@@ -28,6 +31,7 @@ using std::chrono::milliseconds;
 
 constexpr int kExitFromMain = 7;
 constexpr int kExitFromThread = 8;
+constexpr int kCandidatesExit = 9;
 
 /// What callbacks use, and what is destroyed when the process ends.
 class Lines
@@ -134,13 +138,40 @@ void LeaveAllOpen(const SessionOptions& options, const std::string& path)
     }
 }
 
+/// Three candidates, of which two come and go. They are left as they are, or `destroyed` with the static objects.
+void LeaveCandidatesOpen(const SessionOptions& options, const std::string& path, bool destroyed)
+{
+    static Lines lines;
+    static auto& abandoned = *new std::vector<std::unique_ptr<Candidate>>;
+    static std::vector<std::unique_ptr<Candidate>> owned;
+    std::vector<std::unique_ptr<Candidate>>& candidates = destroyed ? owned : abandoned;
+    CandidateOptions election;
+    election.electionPath = path + "-of-candidates";
+    election.firstRejoinDelay = milliseconds(1);
+    election.onRoleChange = [](kx::velmor::Role role) { lines.Say(ToString(role)); };
+    for (int i = 0; i < 3; ++i)
+    {
+        candidates.push_back(std::make_unique<Candidate>(Session::Open(options), election));
+        candidates.back()->Start();
+    }
+    for (int i = 0; i < 3; ++i)
+    {
+        candidates[0]->WaitForRole(kx::velmor::Role::Leader, milliseconds(100));
+        candidates[0]->Stop();
+        candidates[0]->Start();
+        candidates[1]->Stop();
+        candidates[1]->Start();
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     if (argc != 5)
     {
-        std::cerr << "usage: scenario_process stay|return|exit <servers> <election path> <session timeout, ms>\n";
+        std::cerr << "usage: scenario_process stay|return|exit|candidates|owned-candidates <servers> <election path> "
+                     "<session timeout, ms>\n";
         return EXIT_FAILURE;
     }
     const std::string mode = argv[1];
@@ -151,6 +182,11 @@ int main(int argc, char** argv)
     if (mode == "stay")
     {
         return Stay(options, argv[3]);
+    }
+    if (mode == "candidates" || mode == "owned-candidates")
+    {
+        LeaveCandidatesOpen(options, argv[3], mode == "owned-candidates");
+        return kCandidatesExit;
     }
     LeaveAllOpen(options, argv[3]);
     if (mode == "exit")

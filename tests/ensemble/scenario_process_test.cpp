@@ -194,7 +194,9 @@ TEST_P(EndingProcess, EndsWithItsOwnCodeWhileEverythingIsOpen)
 
 INSTANTIATE_TEST_SUITE_P(That, EndingProcess,
                          ::testing::Values(Ending{"ReturnsFromMain", "return", 7},
-                                           Ending{"ExitsFromAThread", "exit", 8}),
+                                           Ending{"ExitsFromAThread", "exit", 8},
+                                           Ending{"LeavesCandidates", "candidates", 9},
+                                           Ending{"DestroysCandidatesLate", "owned-candidates", 9}),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace

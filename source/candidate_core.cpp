@@ -115,13 +115,31 @@ void CandidateCore::StartThreads()
 {
     if (!tellerStarted_)
     {
-        teller_.Start([self = shared_from_this()] { self->teller_.Run([&self] { return self->KeepWatch(); }); });
+        teller_.Start([self = shared_from_this()] { self->Tell(); });
         tellerStarted_ = true;
     }
     if (!worker_.joinable())
     {
         worker_ = std::thread([self = shared_from_this()] { self->Work(); });
     }
+}
+
+void CandidateCore::Tell()
+{
+    teller_.Run([this] { return KeepWatch(); });
+    DropCallbacks();
+}
+
+void CandidateCore::DropCallbacks()
+{
+    CandidateOptions dropped;
+    const MutexLock lock(mutex_);
+    dropped.onLeader.swap(options_.onLeader);
+    dropped.onLeaderLost.swap(options_.onLeaderLost);
+    dropped.onNextLeader.swap(options_.onNextLeader);
+    dropped.onNextLeaderLost.swap(options_.onNextLeaderLost);
+    dropped.onRoleChange.swap(options_.onRoleChange);
+    // What goes with them goes after the lock.
 }
 
 void CandidateCore::Stop()

@@ -111,6 +111,10 @@ private:
     // Roles: candidate_core.cpp
 
     void StartThreads() KX_REQUIRES(mutex_);
+    /// What the teller runs.
+    void Tell();
+    /// Once nothing is told any more: what they hold may hold a `Leadership`, and so this.
+    void DropCallbacks();
     /// Takes on a role, and has its callbacks run.
     void SetRole(Role to, LossReason reason) KX_REQUIRES(mutex_);
     /// The role by what the queue says; unchanged while the lead is not claimed.
@@ -171,7 +175,8 @@ private:
     std::chrono::milliseconds SessionTimeout() const { return session_->Status().negotiatedTimeout; }
 
     const std::shared_ptr<ElectionSession> session_;
-    const CandidateOptions options_;
+    /// Its callbacks belong to `mutex_`, and while the teller runs they stay as they are.
+    CandidateOptions options_;
     const Signature signature_;
 
     /// Also held by what the session calls on its own threads, where nothing bigger may go.

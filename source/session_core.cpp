@@ -246,7 +246,8 @@ Registration SessionCore::AddListener(HeardListeners SessionCore::*listeners, El
 
 void SessionCore::TellEnding(std::int64_t sessionId)
 {
-    for (const HeardListeners::Shared& listener : *endingListeners_.All())
+    const HeardListeners::List listeners = endingListeners_.All();
+    for (const HeardListeners::Shared& listener : *listeners)
     {
         listener->Tell(sessionId, BootClock::time_point());
     }
@@ -376,7 +377,8 @@ void SessionCore::OnHeard(std::uint64_t generation, BootClock::time_point asked)
         lastHeard_ = asked;
         sessionId = sessionId_;
     }
-    for (const HeardListeners::Shared& listener : *heardListeners_.All())
+    const HeardListeners::List listeners = heardListeners_.All();
+    for (const HeardListeners::Shared& listener : *listeners)
     {
         listener->Tell(sessionId, asked);
     }

@@ -59,6 +59,7 @@ void Teller::Run(const Watchman& watchman)
             {
                 if (finishing_)
                 {
+                    ended_ = true;
                     return;
                 }
                 continue;
@@ -79,6 +80,10 @@ void Teller::Run(const Watchman& watchman)
 void Teller::Tell(Task task)
 {
     const MutexLock lock(mutex_);
+    if (ended_)
+    {
+        return;
+    }
     tasks_.push_back(std::move(task));
     changed_.NotifyAll();
 }

@@ -33,7 +33,7 @@ public:
     /// throw is logged. For the thread of `Start`.
     void Run(const Watchman& watchman);
 
-    /// Does not block, beyond the queue's own lock.
+    /// Does not block, beyond the queue's own lock. What is told after `Run` has ended is dropped.
     void Tell(Task task);
 
     /// The watchman has to look now. Does not block, beyond the queue's own lock.
@@ -57,6 +57,7 @@ private:
     bool running_ KX_GUARDED_BY(mutex_) = false;
     bool awake_ KX_GUARDED_BY(mutex_) = false;
     bool finishing_ KX_GUARDED_BY(mutex_) = false;
+    bool ended_ KX_GUARDED_BY(mutex_) = false;
     std::thread::id threadId_ KX_GUARDED_BY(mutex_);
     std::thread thread_ KX_GUARDED_BY(mutex_);
 };

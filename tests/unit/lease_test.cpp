@@ -100,21 +100,22 @@ TEST_F(LeaseTest, IsNeverSeenUnderTheWrongLeadership)
 {
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
-    // Odd ones end at 1'600, even ones at 2'600.
+    std::atomic<std::uint64_t> present{0};
+    // Those with odd numbers end at 1'600, those with even ones at 2'600. Numbers do not come again.
     std::thread reader([&] {
         while (!stop)
         {
-            const BootClock::time_point odd = lease_.EndOf(1);
-            const BootClock::time_point even = lease_.EndOf(2);
-            wrong += odd > At(0) && odd != At(1'600);
-            wrong += even > At(0) && even != At(2'600);
+            const std::uint64_t leadership = present;
+            const BootClock::time_point end = lease_.EndOf(leadership);
+            wrong += end > At(0) && end != At(leadership % 2 == 1 ? 1'600 : 2'600);
         }
     });
-    for (int i = 0; i < 20'000; ++i)
+    for (std::uint64_t leadership = 1; leadership <= 40'000; ++leadership)
     {
-        Grant(1, 1'000, 1'000);
+        present = leadership;
+        const int lastHeard = leadership % 2 == 1 ? 1'000 : 2'000;
+        EXPECT_TRUE(Grant(leadership, lastHeard, lastHeard));
         lease_.Revoke();
-        Grant(2, 2'000, 2'000);
     }
     stop = true;
     reader.join();

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -175,6 +177,23 @@ TEST_F(CandidateTest, MayBeDestroyedInACallback)
     destroyed.get_future().wait();
     (*ours)->Await("lost: left");
     Await("its nodes to go", [&] { return Queue().empty() && Identities().empty(); });
+}
+
+TEST_F(CandidateTest, WhatItsCallbacksHoldGoesWithIt)
+{
+    auto held = std::make_shared<std::optional<Leadership>>();
+    const std::weak_ptr<std::optional<Leadership>> weak = held;
+    Member ours(service_, "ours", [&](CandidateOptions& options) {
+        options.onLeader = [held = std::move(held), note = options.onLeader](const Leadership& leadership) {
+            *held = leadership;
+            note(leadership);
+        };
+    });
+    ours.Become(Role::Leader);
+    ours.Await("gained");
+    ASSERT_FALSE(weak.expired());
+    ours.Destroy();
+    EXPECT_TRUE(weak.expired());
 }
 
 TEST_F(CandidateTest, StartsAgainInTheCallbackThatStoppedIt)

@@ -357,6 +357,8 @@ void CandidateCore::Look(QueuePlace& place)
         const std::optional<std::size_t> position = place.Look();
         OnSession();
         const Access access(*this);
+        Log(LogLevel::Debug, "Candidate " + signature_.identity + " looked after " + electionPath_ + "/" + stay_.node +
+                                 ", in position " + (position ? std::to_string(*position) : "none"));
         if (position && findings != stay_.findings)
         {
             // What the recipe found meanwhile may be newer.

@@ -53,6 +53,8 @@ protected:
     Leadership Gained(Member& member)
     {
         member.Become(Role::Leader);
+        // It looks once more as soon as it leads; what comes later, tests decide.
+        Await("a look", [&] { return Logged("looked after /election/" + member->NodeName()); });
         return member->CurrentLeadership().value();
     }
 };

@@ -221,19 +221,19 @@ TEST_F(CandidateServersTest, OneWhoseSessionIsClosedStopsLeadingBeforeTheNextOne
         OverlapWatch overlaps({first.candidate.get(), second.candidate.get()});
         if (inACallback)
         {
-            std::promise<void> closed;
+            const auto closed = std::make_shared<std::promise<void>>();
             auto watch = first.session->Exists(
                 "/tick",
-                [&](int type, int, const std::string&) {
+                [closed, session = first.session](int type, int, const std::string&) {
                     if (type != ZOO_SESSION_EVENT)
                     {
-                        first.session->Close();
-                        closed.set_value();
+                        session->Close();
+                        closed->set_value();
                     }
                 },
                 nullptr);
             observer_.Create("/tick");
-            closed.get_future().wait();
+            closed->get_future().wait();
         }
         else
         {

@@ -25,28 +25,34 @@ protected:
         explicit Deafness(testing::MemoryService& service, testing::MemorySession& session)
         {
             service.Add("/noise");
+            // The callback may still be about to return when this object has gone.
             watch_ = session
                          .Exists(
                              "/noise",
-                             [this](int type, int, const std::string&) {
+                             [state = state_](int type, int, const std::string&) {
                                  if (type != ZOO_SESSION_EVENT)
                                  {
-                                     busy_.set_value();
-                                     quiet_.get_future().wait();
+                                     state->busy.set_value();
+                                     state->quiet.get_future().wait();
                                  }
                              },
                              nullptr)
                          .second;
             service.Delete("/noise");
-            busy_.get_future().wait();
+            state_->busy.get_future().wait();
         }
-        ~Deafness() { quiet_.set_value(); }
+        ~Deafness() { state_->quiet.set_value(); }
         Deafness(const Deafness&) = delete;
         Deafness& operator=(const Deafness&) = delete;
 
     private:
-        std::promise<void> busy_;
-        std::promise<void> quiet_;
+        struct State
+        {
+            std::promise<void> busy;
+            std::promise<void> quiet;
+        };
+
+        const std::shared_ptr<State> state_ = std::make_shared<State>();
         Connection::WatchHandle watch_;
     };
 

@@ -141,7 +141,10 @@ TEST_F(CandidateServersTest, TakesTurnsAndLeavesNothing)
     {
         for (Member* const member : {&first, &second})
         {
+            Member& other = member == &first ? second : first;
             ASSERT_TRUE((*member)->WaitForRole(Role::Leader, kPatience));
+            // Or this one would come back before it, and lead again.
+            ASSERT_TRUE(other->WaitForRole(Role::NextLeader, kPatience));
             const std::int64_t epoch = (*member)->CurrentLeadership()->Epoch();
             EXPECT_GT(epoch, last);
             last = epoch;

@@ -4,15 +4,19 @@
 
 namespace kx::velmor {
 
+bool SessionOver(const SessionStatus& status, std::int64_t sessionId)
+{
+    return status.sessionId != sessionId || status.state == SessionState::Expired ||
+           status.state == SessionState::Closed;
+}
+
 BoundConnection::BoundConnection(std::shared_ptr<ElectionSession> session, std::int64_t sessionId)
     : session_(std::move(session)), sessionId_(sessionId)
 {}
 
 bool BoundConnection::SessionOver() const
 {
-    const SessionStatus status = session_->Status();
-    return status.sessionId != sessionId_ || status.state == SessionState::Expired ||
-           status.state == SessionState::Closed;
+    return velmor::SessionOver(session_->Status(), sessionId_);
 }
 
 void BoundConnection::DropCallbacks()

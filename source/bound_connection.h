@@ -12,6 +12,9 @@
 
 namespace kx::velmor {
 
+/// Whether the session that `status` tells of is another one by now, or has ended.
+bool SessionOver(const SessionStatus& status, std::int64_t sessionId);
+
 /// A session's connection for as long as the session is the one it began with. Afterwards operations return
 /// `ZSESSIONEXPIRED`. Ephemeral nodes get the session's access list, whatever is asked for.
 ///

@@ -383,9 +383,7 @@ void CandidateCore::OnSession()
     // What is known now, rather than what was told: calls may come late, of states before this stay.
     const SessionStatus status = session_->Status();
     const Access access(*this);
-    if (stay != 0 && stay == stay_.number &&
-        (status.sessionId != stay_.session || status.state == SessionState::Expired ||
-         status.state == SessionState::Closed))
+    if (stay != 0 && stay == stay_.number && SessionOver(status, stay_.session))
     {
         NoticeLapse();
         EndStay(LossReason::SessionExpired);

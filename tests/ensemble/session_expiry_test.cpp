@@ -109,24 +109,7 @@ TEST_F(SessionExpiryTest, OperationsThatAreUnderWayEndWithIt)
     {
         const auto session = Open();
         const clientid_t identity = *session->ClientId();
-        std::vector<std::size_t> sent;
-        for (const Operation& operation : Operations())
-        {
-            sent.push_back(proxy_.Forwarded(operation.request));
-        }
-        proxy_.BlackHole(Proxy::Direction::ToClient);
-        std::vector<std::future<int>> calls;
-        for (const Operation& operation : Operations())
-        {
-            calls.push_back(
-                std::async(std::launch::async, [&session, &operation] { return operation.call(*session, "/n"); }));
-        }
-        for (std::size_t i = 0; i < sent.size(); ++i)
-        {
-            const Request request = Operations()[i].request;
-            Await(Operations()[i].name,
-                  [&] { return proxy_.Forwarded(request) >= sent[i] + (request == Request::Exists ? 2 : 1); });
-        }
+        std::vector<std::future<int>> calls = CallAllUnanswered(*session);
         // Nothing of it gets to the client before the session is over.
         const auto begin = steady_clock::now();
         proxy_.Refuse();

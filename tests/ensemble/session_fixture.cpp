@@ -277,6 +277,30 @@ void SessionFixture::Disconnect()
     proxy_.Cut();
 }
 
+std::vector<std::future<int>> SessionFixture::CallAllUnanswered(const Session& session)
+{
+    std::vector<std::size_t> sent;
+    for (const Operation& operation : Operations())
+    {
+        sent.push_back(proxy_.Forwarded(operation.request));
+    }
+    proxy_.BlackHole(Proxy::Direction::ToClient);
+    std::vector<std::future<int>> calls;
+    for (const Operation& operation : Operations())
+    {
+        calls.push_back(
+            std::async(std::launch::async, [&session, &operation] { return operation.call(session, "/n"); }));
+    }
+    for (std::size_t i = 0; i < sent.size(); ++i)
+    {
+        // Two of them ask whether a node exists.
+        const Request request = Operations()[i].request;
+        Await(Operations()[i].name,
+              [&] { return proxy_.Forwarded(request) >= sent[i] + (request == Request::Exists ? 2 : 1); });
+    }
+    return calls;
+}
+
 bool SessionFixture::Logged(const std::string& part) const
 {
     const std::vector<LogRecord> records = log_.Records();

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <future>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -137,6 +138,10 @@ protected:
     /// Cuts the connection, and keeps new ones away.
     void Disconnect();
     void Reconnect() { proxy_.Accept(); }
+
+    /// Begins every one of `Operations` on "/n". Returns when the server has got them all, whose answers are held back
+    /// until `proxy_` heals. `session` must outlive the calls.
+    std::vector<std::future<int>> CallAllUnanswered(const Session& session);
 
     /// Whether some log statement's text contains `part`.
     bool Logged(const std::string& part) const;

@@ -746,24 +746,7 @@ TEST_F(SessionCloseTest, ReleasesOperationsThatAreUnderWay)
     for (int attempt = 0; attempt < 5 && !releasedBeforeTheEnd; ++attempt)
     {
         const auto session = Open();
-        std::vector<std::size_t> sent;
-        for (const Operation& operation : Operations())
-        {
-            sent.push_back(proxy_.Forwarded(operation.request));
-        }
-        proxy_.BlackHole(Proxy::Direction::ToClient);
-        std::vector<std::future<int>> calls;
-        for (const Operation& operation : Operations())
-        {
-            calls.push_back(
-                std::async(std::launch::async, [&session, &operation] { return operation.call(*session, "/n"); }));
-        }
-        for (std::size_t i = 0; i < sent.size(); ++i)
-        {
-            const Request request = Operations()[i].request;
-            Await(Operations()[i].name,
-                  [&] { return proxy_.Forwarded(request) >= sent[i] + (request == Request::Exists ? 2 : 1); });
-        }
+        std::vector<std::future<int>> calls = CallAllUnanswered(*session);
         const auto begin = steady_clock::now();
         std::future<void> closed = std::async(std::launch::async, [&] { session->Close(); });
         for (std::future<int>& call : calls)

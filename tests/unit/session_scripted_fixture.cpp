@@ -126,6 +126,22 @@ std::shared_ptr<Session> SessionScripted::OpenConnected()
     return session;
 }
 
+void SessionScripted::Write(const Session& session, int rc)
+{
+    library.Expect(Sent::Create, "/n", Code(rc));
+    EXPECT_EQ(session.Create("/n", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr), rc);
+}
+
+std::future<int> SessionScripted::Writing(const Session& session)
+{
+    library.Expect(Sent::Create, "/n", Held());
+    const std::size_t before = library.Asked().Count("1 create /n");
+    auto rc = std::async(std::launch::async,
+                         [&session] { return session.Create("/n", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr); });
+    library.Asked().Await("1 create /n", before + 1);
+    return rc;
+}
+
 Connection::WatchCallback SessionScripted::Noting(const std::string& name)
 {
     return [this, name](int type, int state, const std::string& path) {

@@ -57,6 +57,11 @@ protected:
     /// A session on a first handle that connects at once. Forgets the journal.
     std::shared_ptr<Session> OpenConnected();
 
+    /// One write, and its answer.
+    void Write(const Session& session, int rc = ZOK);
+    /// Sends a write on the first connection that is not answered until the test says so.
+    std::future<int> Writing(const Session& session);
+
     /// A callback that notes "<name> <event>", as in "a deleted /n" or "a session expired".
     Connection::WatchCallback Noting(const std::string& name);
     /// Arms a watch on `path`, which must work, with the callback of that name.

@@ -32,24 +32,6 @@ protected:
     {
         return [this, name](const SessionStatus& status) { journal.Note(name + " " + Describe(status)); };
     }
-
-    /// One write, and its answer.
-    void Write(const Session& session, int rc = ZOK)
-    {
-        library.Expect(Sent::Create, "/n", Code(rc));
-        EXPECT_EQ(session.Create("/n", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr), rc);
-    }
-
-    /// Sends a write that is not answered until the test says so.
-    std::future<int> Writing(const Session& session)
-    {
-        library.Expect(Sent::Create, "/n", Held());
-        const std::size_t before = library.Asked().Count("1 create /n");
-        auto rc = std::async(std::launch::async,
-                             [&session] { return session.Create("/n", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr); });
-        library.Asked().Await("1 create /n", before + 1);
-        return rc;
-    }
 };
 
 TEST_F(StatusOfASession, FollowsEveryChange)

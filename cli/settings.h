@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace kx::velmor::cli {
 
@@ -23,6 +24,8 @@ struct Settings
     std::chrono::milliseconds sessionTimeout{10'000};
     /// How long to wait for a first server. Empty: what the subcommand does by itself.
     std::optional<std::chrono::milliseconds> connectTimeout;
+    /// What stands behind `--`, word for word; for subcommands that take a command, and not empty for them.
+    std::vector<std::string> command{};
 };
 
 /// As `settings` say.

@@ -32,6 +32,7 @@ using kx::velmor::demo::kPromptly;
 using kx::velmor::demo::Scoreboard;
 using kx::velmor::demo::StagedElection;
 using std::chrono::milliseconds;
+namespace process = kx::velmor::process;
 namespace support = kx::velmor::testing_support;
 
 constexpr int kExitUsage = 2;
@@ -54,7 +55,7 @@ struct Handover
 
 /// Brings the leader to grief and waits until the one that was next leads.
 Handover HandOver(StagedElection& election, const std::string& cause, const std::string& away, milliseconds deadline,
-                  const std::function<void(support::ChildProcess&)>& strike)
+                  const std::function<void(process::ChildProcess&)>& strike)
 {
     Scoreboard& board = election.Board();
     const std::string leader = board.WithRole("leader").at(0);
@@ -102,7 +103,7 @@ void Play(StagedElection& election)
     const milliseconds expiry = 2 * timeout + kPromptly;
     std::vector<Handover> handovers;
 
-    handovers.push_back(HandOver(election, "is told to leave", "left", kPromptly, [](support::ChildProcess& leader) {
+    handovers.push_back(HandOver(election, "is told to leave", "left", kPromptly, [](process::ChildProcess& leader) {
         leader.Terminate(kPromptly);
         if (leader.AwaitExit(kPromptly) != EXIT_SUCCESS)
         {
@@ -110,9 +111,9 @@ void Play(StagedElection& election)
         }
     }));
     handovers.push_back(
-        HandOver(election, "is killed", "killed", expiry, [](support::ChildProcess& leader) { leader.Kill(); }));
+        HandOver(election, "is killed", "killed", expiry, [](process::ChildProcess& leader) { leader.Kill(); }));
     handovers.push_back(
-        HandOver(election, "is frozen", "frozen", expiry, [](support::ChildProcess& leader) { leader.Pause(); }));
+        HandOver(election, "is frozen", "frozen", expiry, [](process::ChildProcess& leader) { leader.Pause(); }));
 
     const std::string frozen = handovers.back().from;
     election.Board().Tell(frozen + " goes on");

@@ -89,7 +89,7 @@ StagedElection::~StagedElection()
 
 void StagedElection::Join(const std::string& name)
 {
-    support::ProcessOptions options;
+    process::ProcessOptions options;
     options.command = {ParticipantProgram(),
                        "--servers",
                        servers_,
@@ -101,7 +101,7 @@ void StagedElection::Join(const std::string& name)
                        std::to_string(sessionTimeout_.count()) + "ms"};
     options.output = LogOf(name);
     options.onLine = [this](const std::string& line) { board_.OnLine(line); };
-    processes_[name] = std::make_unique<support::ChildProcess>(options);
+    processes_[name] = std::make_unique<process::ChildProcess>(options);
     Await(name + " joins", kPromptly, [&] {
         CheckProcess(name);
         const Scoreboard::Entries entries = board_.Now();

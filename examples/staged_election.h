@@ -1,7 +1,7 @@
 #pragma once
 
 #include "examples/scoreboard.h"
-#include "tests/support/child_process.h"
+#include "process/child_process.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/temporary_directory.h"
 
@@ -55,7 +55,7 @@ public:
     /// What each process said before it came to grief helps to understand why.
     void PrintLogs() const;
 
-    support::ChildProcess& Process(const std::string& name) { return *processes_.at(name); }
+    process::ChildProcess& Process(const std::string& name) { return *processes_.at(name); }
     Scoreboard& Board() { return board_; }
     /// What the servers made of the session timeout that the participants ask for.
     std::chrono::milliseconds GrantedTimeout() const { return client_.SessionTimeout(); }
@@ -74,7 +74,7 @@ private:
     const support::TemporaryDirectory directory_;
     support::RawClient client_;
     Scoreboard board_;
-    std::map<std::string, std::unique_ptr<support::ChildProcess>> processes_;
+    std::map<std::string, std::unique_ptr<process::ChildProcess>> processes_;
 };
 
 }  // namespace kx::velmor::demo

@@ -17,8 +17,8 @@ namespace kx::velmor::chaos {
 
 namespace {
 
+using process::ChildProcess;
 using testing_support::Await;
-using testing_support::ChildProcess;
 using testing_support::Proxy;
 using testing_support::RawClient;
 using testing_support::Request;

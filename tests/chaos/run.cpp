@@ -191,7 +191,7 @@ void Run::Leave()
     {
         try
         {
-            testing_support::ChildProcess& process = stage_.Process(i - 1);
+            process::ChildProcess& process = stage_.Process(i - 1);
             process.Terminate(kRestDeadline);
             const int code = process.AwaitExit(milliseconds(0)).value_or(0);
             if (code != EXIT_SUCCESS)

@@ -8,8 +8,8 @@ namespace kx::velmor::chaos {
 
 namespace {
 
-using testing_support::ChildProcess;
-using testing_support::ProcessOptions;
+using process::ChildProcess;
+using process::ProcessOptions;
 using testing_support::Proxy;
 
 /// Built into the same directory.

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "process/child_process.h"
 #include "tests/chaos/fault_plan.h"
 #include "tests/chaos/history.h"
 #include "tests/chaos/member_reader.h"
-#include "tests/support/child_process.h"
 #include "tests/support/ensemble.h"
 #include "tests/support/proxy.h"
 
@@ -43,7 +43,7 @@ public:
     static std::string NameOf(std::size_t member) { return "m" + std::to_string(member + 1); }
 
     testing_support::Ensemble& Servers() { return servers_; }
-    testing_support::ChildProcess& Process(std::size_t member) { return *processes_.at(member); }
+    process::ChildProcess& Process(std::size_t member) { return *processes_.at(member); }
     /// The links of one member, or of all; to one server, or to all.
     std::vector<testing_support::Proxy*> Links(std::optional<std::size_t> member, std::optional<std::size_t> server);
 
@@ -73,7 +73,7 @@ private:
     testing_support::Ensemble servers_;
     /// By member, then by server.
     std::vector<std::vector<std::unique_ptr<testing_support::Proxy>>> links_;
-    std::vector<std::unique_ptr<testing_support::ChildProcess>> processes_;
+    std::vector<std::unique_ptr<process::ChildProcess>> processes_;
     std::vector<MemberReader> readers_;
 };
 

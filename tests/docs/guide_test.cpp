@@ -1,7 +1,7 @@
 // The service of the guide, run as the guide says.
 
+#include "process/child_process.h"
 #include "tests/support/await.h"
-#include "tests/support/child_process.h"
 #include "tests/support/zookeeper_server.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ public:
         return std::count(lines_.begin(), lines_.end(), line) >= times;
     }
 
-    ChildProcess& Process() { return process_; }
+    process::ChildProcess& Process() { return process_; }
 
 private:
     void OnLine(const std::string& line)
@@ -49,7 +49,7 @@ private:
     std::mutex mutex_;
     std::vector<std::string> lines_;
     /// Goes first, since it calls.
-    ChildProcess process_;
+    process::ChildProcess process_;
 };
 
 TEST(Guide, TheServiceIsTakenOverByTheNextLeaderWhenTheLeaderIsEnded)

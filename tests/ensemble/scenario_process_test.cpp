@@ -1,6 +1,6 @@
 // Processes with members in them: stopped for longer than a session, without descriptors, and ended in odd ways.
+#include "process/child_process.h"
 #include "tests/ensemble/scenario_fixture.h"
-#include "tests/support/child_process.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -18,6 +18,7 @@
 namespace kx::velmor::testing_support {
 namespace {
 
+using process::ChildProcess;
 using std::chrono::milliseconds;
 using ::testing::_;
 using ::testing::ElementsAre;

@@ -1,5 +1,5 @@
+#include "process/child_process.h"
 #include "tests/support/await.h"
-#include "tests/support/child_process.h"
 #include "tests/support/ensemble.h"
 #include "tests/support/expire_session.h"
 #include "tests/support/network.h"
@@ -30,6 +30,8 @@
 namespace kx::velmor::testing_support {
 namespace {
 
+using process::ChildProcess;
+using process::ProcessOptions;
 using std::chrono::milliseconds;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

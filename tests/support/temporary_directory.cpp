@@ -1,6 +1,6 @@
 #include "tests/support/temporary_directory.h"
 
-#include "tests/support/spawner.h"
+#include "process/spawner.h"
 
 #include <boost/process/args.hpp>
 #include <boost/process/child.hpp>
@@ -67,11 +67,10 @@ private:
         }
         std::FILE* const reading = ::fdopen(ends[0], "r");
         pipe_ = ::fdopen(ends[1], "w");
-        RunOnSpawner([&] {
-            namespace process = boost::process;
-            process::child shell(process::exe = "/bin/sh", process::args = std::vector<std::string>{"-c", kUndertaker},
-                                 (process::std_in < reading), (process::std_out > process::null),
-                                 (process::std_err > process::null));
+        process::RunOnSpawner([&] {
+            namespace bp = boost::process;
+            bp::child shell(bp::exe = "/bin/sh", bp::args = std::vector<std::string>{"-c", kUndertaker},
+                            (bp::std_in < reading), (bp::std_out > bp::null), (bp::std_err > bp::null));
             shell.wait();
         });
         std::fclose(reading);

@@ -1,6 +1,6 @@
 #include "tests/support/zookeeper_server.h"
 
-#include "tests/support/child_process.h"
+#include "process/child_process.h"
 #include "tests/support/network.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/transaction_log.h"
@@ -91,19 +91,19 @@ public:
         const std::uintmax_t size = std::filesystem::file_size(LogFile(), absent);
         logStart_ = absent ? 0 : static_cast<std::streamoff>(size);
 
-        ProcessOptions process;
-        process.command = {"java", "-Xmx" + std::to_string(options_.heapMegabytes) + "m", "-XX:+UseSerialGC",
+        process::ProcessOptions options;
+        options.command = {"java", "-Xmx" + std::to_string(options_.heapMegabytes) + "m", "-XX:+UseSerialGC",
                            "-XX:TieredStopAtLevel=1",
                            // No file in /tmp that a killed server leaves behind.
                            "-XX:-UsePerfData", "-cp", ClassPath(),
                            peers_.empty() ? "org.apache.zookeeper.server.ZooKeeperServerMain"
                                           : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
                            ConfigurationFile().string()};
-        process.output = LogFile();
-        process_.emplace(std::move(process));
+        options.output = LogFile();
+        process_.emplace(std::move(options));
     }
 
-    ChildProcess& Process()
+    process::ChildProcess& Process()
     {
         if (!process_)
         {
@@ -158,7 +158,7 @@ public:
     /// From then on others may know the address.
     bool hasServed_ = false;
     /// After the directory, so that it ends before the directory goes.
-    std::optional<ChildProcess> process_;
+    std::optional<process::ChildProcess> process_;
 };
 
 ZooKeeperServer::ZooKeeperServer(ServerOptions options) : impl_(std::make_unique<Impl>(options)) {}

@@ -2,7 +2,7 @@
 
 #include <functional>
 
-namespace kx::velmor::testing_support {
+namespace kx::velmor::process {
 
 /// Runs `task` on the one thread of this process that starts children, and waits for it; what it throws passes through.
 ///
@@ -11,4 +11,4 @@ namespace kx::velmor::testing_support {
 /// Threads: any, except from within a task.
 void RunOnSpawner(const std::function<void()>& task);
 
-}  // namespace kx::velmor::testing_support
+}  // namespace kx::velmor::process

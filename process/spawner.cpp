@@ -1,4 +1,4 @@
-#include "tests/support/spawner.h"
+#include "process/spawner.h"
 
 #include <signal.h>
 
@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-namespace kx::velmor::testing_support {
+namespace kx::velmor::process {
 
 namespace {
 
@@ -73,4 +73,4 @@ void RunOnSpawner(const std::function<void()>& task)
     Spawner::Instance().Run(std::packaged_task<void()>(task));
 }
 
-}  // namespace kx::velmor::testing_support
+}  // namespace kx::velmor::process

@@ -1,13 +1,12 @@
-#include "tests/support/child_process.h"
+#include "process/child_process.h"
 
-#include "tests/support/spawner.h"
+#include "process/spawner.h"
 
 #include <boost/process/args.hpp>
 #include <boost/process/child.hpp>
 #include <boost/process/exe.hpp>
 #include <boost/process/extend.hpp>
 #include <boost/process/io.hpp>
-#include <boost/process/search_path.hpp>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -17,16 +16,17 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-namespace kx::velmor::testing_support {
+namespace kx::velmor::process {
 
 namespace {
 
-namespace process = boost::process;
+namespace bp = boost::process;
 
 struct FileCloser
 {
@@ -60,19 +60,25 @@ File OpenToAppend(const std::filesystem::path& path)
     return file;
 }
 
+/// Where execvp would find it. (Boost's own search takes a library to be linked.)
 std::string FindProgram(const std::string& name)
 {
     if (name.find('/') != std::string::npos)
     {
         return name;
     }
-    const boost::filesystem::path path = process::search_path(name);
-    if (path.empty())
+    const char* const path = std::getenv("PATH");
+    std::istringstream directories(path != nullptr ? path : "/bin:/usr/bin");
+    for (std::string directory; std::getline(directories, directory, ':');)
     {
-        throw std::runtime_error("there is no program " + name +
-                                 " in PATH (script/bootstrap installs what is missing)");
+        const std::filesystem::path program = std::filesystem::path(directory.empty() ? "." : directory) / name;
+        std::error_code error;
+        if (std::filesystem::is_regular_file(program, error) && ::access(program.c_str(), X_OK) == 0)
+        {
+            return program.string();
+        }
     }
-    return path.string();
+    throw std::runtime_error("there is no program " + name + " in PATH (script/bootstrap installs what is missing)");
 }
 
 /// Runs in the child between fork and exec: nothing but plain system calls.
@@ -117,13 +123,13 @@ public:
         try
         {
             RunOnSpawner([&] {
-                child_ = process::child(
-                    process::exe = program, process::args = arguments, (process::std_in < process::null),
-                    (process::std_out > standardOutput), (process::std_err > standardError),
-                    process::extend::on_exec_setup = [parent](auto&) { PrepareChild(parent); });
+                child_ = bp::child(
+                    bp::exe = program, bp::args = arguments, (bp::std_in < bp::null), (bp::std_out > standardOutput),
+                    (bp::std_err > standardError),
+                    bp::extend::on_exec_setup = [parent](auto&) { PrepareChild(parent); });
             });
         }
-        catch (const process::process_error& error)
+        catch (const bp::process_error& error)
         {
             throw std::runtime_error("cannot run " + program + ": " + error.code().message());
         }
@@ -228,7 +234,7 @@ private:
 
     const std::string name_;
     const std::function<void(const std::string&)> onLine_;
-    process::child child_;
+    bp::child child_;
     std::thread reader_;
 };
 
@@ -286,4 +292,4 @@ std::optional<int> ChildProcess::AwaitExit(std::chrono::milliseconds deadline)
     return impl_->AwaitExit(deadline);
 }
 
-}  // namespace kx::velmor::testing_support
+}  // namespace kx::velmor::process

@@ -1,0 +1,485 @@
+#include "cli/service_run.h"
+
+#include "cli/exit_status.h"
+
+#include <kx/logging/logger.h>
+#include <kx/velmor/error.h>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/post.hpp>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+#include <utility>
+
+namespace kx::velmor::cli {
+
+namespace {
+
+using kx::logging::LogLevel;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+const auto g_log = std::make_shared<const kx::logging::Source>("velmor.run");
+
+/// A warm-up may take its time.
+constexpr milliseconds kNextHookLimit = std::chrono::hours(24);
+
+int DuplicateOf(int descriptor)
+{
+    const int copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "cannot duplicate a descriptor");
+    }
+    return copy;
+}
+
+const char* Word(Role role)
+{
+    return role == Role::NextLeader ? "next" : ToString(role);
+}
+
+/// What a candidate that gives up by itself ends with.
+int StatusForError(const std::string& error)
+{
+    return error.find(ZooError(ZNOAUTH).what()) != std::string::npos ? kNotPermitted : kUnavailable;
+}
+
+}  // namespace
+
+ServiceRun::ServiceRun(const Settings& settings, RunOptions options, Warden& warden)
+    : settings_(settings),
+      options_(std::move(options)),
+      warden_(warden),
+      reports_(loop_),
+      signals_(loop_),
+      waitTimer_(loop_),
+      connectTimer_(loop_),
+      pauseTimer_(loop_),
+      aliveTimer_(loop_),
+      session_(Session::OpenInBackground(SessionOptionsFor(settings)))
+{
+    reports_.assign(DuplicateOf(warden_.Descriptor()));
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2})
+    {
+        signals_.add(signal);
+    }
+    states_ = session_->OnStateChange([this](const SessionStatus& status) {
+        if (status.state == SessionState::Connected)
+        {
+            reachedServers_ = true;
+        }
+    });
+    heard_ = session_->OnHeard([this](std::int64_t sessionId, BootClock::time_point heard) {
+        Post([this, sessionId, heard] { OnHeard(sessionId, heard); });
+    });
+    const auto measured = std::make_shared<MeasuredSession>(
+        session_, [this](steady_clock::duration duration) { figures_.OnCheck(duration); });
+    candidate_.emplace(measured, ElectionOptions());
+    if (!options_.http.empty())
+    {
+        endpoint_.emplace(options_.http, Answers());
+    }
+}
+
+ServiceRun::~ServiceRun()
+{
+    if (leaver_.joinable())
+    {
+        leaver_.join();
+    }
+}
+
+CandidateOptions ServiceRun::ElectionOptions()
+{
+    CandidateOptions election;
+    election.electionPath = settings_.election;
+    election.identity = options_.identity;
+    election.onRoleChange = [this](Role role) {
+        Post([this, role, node = candidate_->NodeName()] { OnRole(role, node); });
+    };
+    election.onLeader = [this](const Leadership& leadership) {
+        Post([this, gain = Gain{leadership, candidate_->NodeName()}] { OnGain(gain); });
+    };
+    election.onNextLeader = [this] { Post([this] { OnNext(); }); };
+    // The node stays for as long as this takes.
+    election.onLeaderLost = [this](LossReason reason) {
+        const auto handled = std::make_shared<std::promise<bool>>();
+        std::future<bool> stop = handled->get_future();
+        Post([this, loss = Loss{reason, handled}] { OnLoss(loss); });
+        if (stop.get())
+        {
+            candidate_->Stop();
+        }
+    };
+    return election;
+}
+
+HttpAnswers ServiceRun::Answers()
+{
+    HttpAnswers answers;
+    answers.leads = [this] { return candidate_->IsLeader(); };
+    answers.isNext = [this] { return candidate_->CurrentRole() == Role::NextLeader; };
+    answers.statusJson = [this] { return figures_.Json(Stands()); };
+    answers.metrics = [this] { return figures_.Metrics(Stands()); };
+    return answers;
+}
+
+int ServiceRun::Run()
+{
+    const auto busy = asio::make_work_guard(loop_);
+    AwaitReports();
+    AwaitSignals();
+    KeepManagerInformed();
+    if (settings_.connectTimeout)
+    {
+        connectTimer_.expires_after(*settings_.connectTimeout);
+        connectTimer_.async_wait([this](const std::error_code& error) {
+            if (!error && !reachedServers_)
+            {
+                KX_LOG(LogLevel::Error, g_log)
+                    << "No server has answered within --connect-timeout: " << settings_.servers;
+                EndWith(kUnavailable);
+            }
+        });
+    }
+    Join();
+    loop_.run();
+    // What is asked for meanwhile is answered as long as there is something to answer with.
+    endpoint_.reset();
+    candidate_.reset();
+    session_->Close();
+    return *status_;
+}
+
+// Taking part
+
+void ServiceRun::Join()
+{
+    phase_ = Phase::TakingPart;
+    manager_.Status("joining");
+    if (options_.standby && !service_)
+    {
+        StartService(Environment());
+        Tell(kNoRole);
+    }
+    AwaitTurn();
+    candidate_->Start();
+}
+
+void ServiceRun::AwaitTurn()
+{
+    if (!options_.wait)
+    {
+        return;
+    }
+    waitTimer_.expires_after(*options_.wait);
+    waitTimer_.async_wait([this](const std::error_code& error) {
+        if (!error)
+        {
+            OnWaitedLong();
+        }
+    });
+}
+
+void ServiceRun::OnWaitedLong()
+{
+    if (phase_ != Phase::TakingPart || leading_)
+    {
+        return;
+    }
+    KX_LOG(LogLevel::Error, g_log) << (reachedServers_ ? "Has not become leader within --wait"
+                                                       : "No server has answered within --wait: " + settings_.servers);
+    EndWith(reachedServers_ ? kNotElected : kUnavailable);
+}
+
+void ServiceRun::EndWith(int status)
+{
+    if (!status_)
+    {
+        status_ = status;
+    }
+    if (!EndService(options_.grace))
+    {
+        Leave();
+    }
+}
+
+void ServiceRun::Leave()
+{
+    waitTimer_.cancel();
+    connectTimer_.cancel();
+    pauseTimer_.cancel();
+    if (status_)
+    {
+        manager_.Stopping();
+    }
+    if (phase_ == Phase::Pausing && status_)
+    {
+        phase_ = Phase::Over;
+        loop_.stop();
+    }
+    if (phase_ != Phase::TakingPart)
+    {
+        return;
+    }
+    phase_ = Phase::Leaving;
+    leaver_ = std::thread([this] {
+        candidate_->Stop();
+        Post([this] { Left(); });
+    });
+}
+
+void ServiceRun::Left()
+{
+    leaver_.join();
+    phase_ = Phase::Pausing;
+    if (status_)
+    {
+        Leave();
+        return;
+    }
+    manager_.Status("waits before it joins again");
+    pauseTimer_.expires_after(pause_);
+    pauseTimer_.async_wait([this](const std::error_code& error) {
+        if (!error)
+        {
+            Join();
+        }
+    });
+}
+
+void ServiceRun::OnRole(Role role, const std::string& node)
+{
+    if (role == Role::Stopped)
+    {
+        const std::string error = candidate_->Error();
+        if (phase_ == Phase::TakingPart && !error.empty())
+        {
+            EndWith(StatusForError(error));
+        }
+        return;
+    }
+    manager_.Status(ToString(role));
+    if (role == Role::NextLeader || role == Role::Leader)
+    {
+        manager_.Ready();
+    }
+    // A leader is told with its epoch.
+    if (options_.standby && role != Role::Leader)
+    {
+        Tell(std::string(Word(role)) + " - " + (node.empty() ? "-" : node));
+    }
+}
+
+void ServiceRun::OnNext()
+{
+    if (!options_.onNext.empty() && !nextHookRuns_)
+    {
+        nextHookRuns_ = true;
+        StartHook(kNextHook, options_.onNext, kNextHookLimit, Environment());
+    }
+}
+
+// Leading
+
+void ServiceRun::OnGain(const Gain& gain)
+{
+    figures_.OnGain();
+    if (status_ || phase_ != Phase::TakingPart || !TakeLease(gain.leadership))
+    {
+        // Its loss is on its way.
+        return;
+    }
+    waitTimer_.cancel();
+    leading_ = gain;
+    lossHookDue_ = true;
+    if (options_.standby)
+    {
+        Tell("leader " + std::to_string(gain.leadership.Epoch()) + " " + gain.node);
+    }
+    else
+    {
+        StartService(Environment());
+    }
+    manager_.Status("leader, epoch " + std::to_string(gain.leadership.Epoch()));
+}
+
+void ServiceRun::OnLoss(Loss loss)
+{
+    figures_.OnLoss(loss.reason);
+    loss_ = std::move(loss);
+    if (options_.standby)
+    {
+        DropLease();
+        Tell(kNoRole);
+    }
+    else if (service_)
+    {
+        lostService_ = true;
+        // Somebody else may lead already when the session is known to be over.
+        EndService(loss_->reason == LossReason::SessionExpired ? milliseconds(0) : options_.grace);
+        return;
+    }
+    FinishLoss();
+}
+
+void ServiceRun::FinishLoss()
+{
+    if (!loss_ || lossHookRuns_)
+    {
+        return;
+    }
+    if (std::exchange(lossHookDue_, false) && !options_.onLost.empty())
+    {
+        std::map<std::string, std::string> environment = Environment();
+        environment["VELMOR_REASON"] = ToString(loss_->reason);
+        lossHookRuns_ = true;
+        StartHook(kLostHook, options_.onLost, options_.grace, std::move(environment));
+        return;
+    }
+    leading_.reset();
+    std::exchange(loss_, std::nullopt)->handled->set_value(status_.has_value());
+    if (phase_ == Phase::TakingPart && !status_)
+    {
+        AwaitTurn();
+    }
+}
+
+bool ServiceRun::TakeLease(const Leadership& leadership)
+{
+    const SessionStatus status = session_->Status();
+    // Only one that stands still after the look is known to be one of the session that was looked at.
+    if (!status.lastHeard || !leadership.Stands())
+    {
+        return false;
+    }
+    leaseSession_ = status.sessionId;
+    leaseTimeout_ = status.negotiatedTimeout;
+    fresh_ = session_->KeepFresh();
+    SetLease(*status.lastHeard);
+    return true;
+}
+
+void ServiceRun::SetLease(BootClock::time_point heard)
+{
+    // A server may end the session three quarters of its timeout after a sign of life that a follower of it was given,
+    // and nobody leads after two thirds. What is between is for those who do not end when they are asked to, and half
+    // of it for their killing to take effect.
+    warden_.SetLease(heard + leaseTimeout_ * 2 / 3, heard + leaseTimeout_ * 17 / 24);
+}
+
+void ServiceRun::DropLease()
+{
+    leaseSession_ = 0;
+    fresh_.Cancel();
+    warden_.ClearLease();
+}
+
+void ServiceRun::OnHeard(std::int64_t sessionId, BootClock::time_point heard)
+{
+    if (leaseSession_ != 0 && sessionId == leaseSession_)
+    {
+        SetLease(heard);
+    }
+}
+
+// What goes round
+
+void ServiceRun::AwaitReports()
+{
+    reports_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const std::error_code& error) {
+        if (!error)
+        {
+            OnReports();
+        }
+    });
+}
+
+void ServiceRun::AwaitSignals()
+{
+    signals_.async_wait([this](const std::error_code& error, int signal) {
+        if (!error)
+        {
+            OnSignal(signal);
+            AwaitSignals();
+        }
+    });
+}
+
+void ServiceRun::KeepManagerInformed()
+{
+    const auto interval = manager_.AliveInterval();
+    if (!interval)
+    {
+        return;
+    }
+    manager_.Alive();
+    aliveTimer_.expires_after(*interval);
+    aliveTimer_.async_wait([this](const std::error_code& error) {
+        if (!error)
+        {
+            KeepManagerInformed();
+        }
+    });
+}
+
+std::map<std::string, std::string> ServiceRun::Environment() const
+{
+    std::map<std::string, std::string> environment{{"VELMOR_ELECTION", settings_.election},
+                                                   {"VELMOR_IDENTITY", candidate_->Identity()}};
+    if (leading_)
+    {
+        environment["VELMOR_NODE"] = leading_->node;
+        environment["VELMOR_EPOCH"] = std::to_string(leading_->leadership.Epoch());
+    }
+    return environment;
+}
+
+Standing ServiceRun::Stands() const
+{
+    Standing standing;
+    standing.election = settings_.election;
+    standing.identity = candidate_->Identity();
+    standing.role = candidate_->CurrentRole();
+    standing.node = candidate_->NodeName();
+    if (const std::optional<Leadership> leadership = candidate_->CurrentLeadership())
+    {
+        standing.epoch = leadership->Epoch();
+    }
+    standing.leaseLeft = candidate_->LeaseLeft();
+    standing.session = session_->Status();
+    standing.queueLength = QueueLength();
+    if (const pid_t pid = pid_; pid != 0)
+    {
+        standing.command = pid;
+    }
+    return standing;
+}
+
+std::optional<std::size_t> ServiceRun::QueueLength() const
+{
+    // Without a connection a question would wait for one.
+    std::vector<std::string> names;
+    const bool known =
+        session_->Status().state == SessionState::Connected && session_->GetChildren(settings_.election, names) == ZOK;
+    const std::lock_guard<std::mutex> lock(queueMutex_);
+    if (known)
+    {
+        queueLength_ = names.size();
+    }
+    return queueLength_;
+}
+
+void ServiceRun::Post(std::function<void()> task)
+{
+    asio::post(loop_, std::move(task));
+}
+
+}  // namespace kx::velmor::cli

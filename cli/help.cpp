@@ -1,0 +1,133 @@
+#include "cli/help.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sstream>
+#include <utility>
+#include <vector>
+
+namespace kx::velmor::cli {
+
+namespace {
+
+constexpr std::size_t kWidth = 80;
+/// Where descriptions of options begin.
+constexpr std::size_t kColumn = 26;
+
+/// "a|b|c" of a check's "TEXT:{a,b,c}", and of "TEXT:value in {a->0,b->1,c->2} OR {0,1,2}".
+std::string TypeOf(const CLI::Option& option)
+{
+    const std::string type = option.get_type_name();
+    const std::size_t begin = type.find('{');
+    const std::size_t end = type.find('}');
+    if (begin == std::string::npos || end == std::string::npos || end < begin)
+    {
+        return type;
+    }
+    std::string choices;
+    for (const std::string& choice : CLI::detail::split(type.substr(begin + 1, end - begin - 1), ','))
+    {
+        choices += (choices.empty() ? "" : "|") + choice.substr(0, choice.find("->"));
+    }
+    return choices;
+}
+
+/// `name` in a line, `text` beside it, or below it when the name is too long.
+std::string Row(const std::string& name, const std::string& text)
+{
+    const std::string left = "  " + name;
+    const std::string right = Wrapped(text, kColumn);
+    if (left.size() + 2 > kColumn)
+    {
+        return left + "\n" + right;
+    }
+    return left + right.substr(left.size());
+}
+
+}  // namespace
+
+std::string Wrapped(const std::string& text, std::size_t indent)
+{
+    const std::string blanks(indent, ' ');
+    std::string wrapped;
+    std::string line = blanks;
+    std::istringstream words(text);
+    for (std::string word; words >> word;)
+    {
+        const bool first = line.size() == indent;
+        if (!first && line.size() + 1 + word.size() > kWidth)
+        {
+            wrapped += std::exchange(line, blanks + word) + "\n";
+            continue;
+        }
+        line += (first ? "" : " ") + word;
+    }
+    return wrapped + line + "\n";
+}
+
+std::string HelpFormatter::make_option(const CLI::Option* option, bool isPositional) const
+{
+    std::string name = make_option_name(option, isPositional);
+    if (option->get_type_size() != 0 && option->get_expected_min() != 0)
+    {
+        name += " " + TypeOf(*option);
+    }
+    const std::string standard = option->get_default_str();
+    return Row(name, option->get_description() + (standard.empty() ? "" : " (default: " + standard + ")"));
+}
+
+std::string HelpFormatter::Groups(const CLI::App& application, const CLI::Option* hidden) const
+{
+    std::string text;
+    for (const std::string& group : application.get_groups())
+    {
+        const std::vector<const CLI::Option*> options = application.get_options([&](const CLI::Option* option) {
+            return option->get_group() == group && option->nonpositional() && option != hidden;
+        });
+        if (!group.empty() && !options.empty())
+        {
+            text += make_group(group, false, options);
+        }
+    }
+    return text;
+}
+
+std::string HelpFormatter::make_help(const CLI::App* application, std::string name, CLI::AppFormatMode /*mode*/) const
+{
+    const CLI::App* const parent = application->get_parent();
+    const std::vector<const CLI::App*> subcommands =
+        application->get_subcommands([](const CLI::App* each) { return !each->get_name().empty(); });
+    std::string text = "Usage: " + name + (subcommands.empty() ? " [OPTIONS]" : " SUBCOMMAND [OPTIONS]");
+    if (commandTakers_.count(application) != 0)
+    {
+        text += " -- COMMAND [ARGUMENTS]";
+    }
+    text += "\n" + Wrapped(application->get_description(), 0);
+    if (!subcommands.empty())
+    {
+        text += "\nSubcommands:\n";
+        for (const CLI::App* const subcommand : subcommands)
+        {
+            text += Row(subcommand->get_name(), subcommand->get_description());
+        }
+    }
+    for (const CLI::App* const optionGroup :
+         application->get_subcommands([](const CLI::App* each) { return each->get_name().empty(); }))
+    {
+        text += Groups(*optionGroup, nullptr);
+    }
+    text += Groups(*application, parent != nullptr ? application->get_help_ptr() : nullptr);
+    if (parent != nullptr)
+    {
+        text += Groups(*parent, nullptr);
+    }
+    text += "\n" + Wrapped(
+                       "Every option that takes a value, and every switch, has an environment variable as well, "
+                       "VELMOR_SESSION_TIMEOUT for --session-timeout, and a key in configuration files; the "
+                       "command line goes before the environment, and that before the files.",
+                       0);
+    const std::string footer = application->get_footer();
+    return footer.empty() ? text : text + "\n" + footer + (footer.back() == '\n' ? "" : "\n");
+}
+
+}  // namespace kx::velmor::cli

@@ -95,8 +95,8 @@ std::string HelpFormatter::Groups(const CLI::App& application, const CLI::Option
 std::string HelpFormatter::make_help(const CLI::App* application, std::string name, CLI::AppFormatMode /*mode*/) const
 {
     const CLI::App* const parent = application->get_parent();
-    const std::vector<const CLI::App*> subcommands =
-        application->get_subcommands([](const CLI::App* each) { return !each->get_name().empty(); });
+    const std::vector<const CLI::App*> subcommands = application->get_subcommands(
+        [](const CLI::App* each) { return !each->get_name().empty() && !each->get_group().empty(); });
     std::string text = "Usage: " + name + (subcommands.empty() ? " [OPTIONS]" : " SUBCOMMAND [OPTIONS]");
     if (commandTakers_.count(application) != 0)
     {

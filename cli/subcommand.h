@@ -46,5 +46,7 @@ Subcommand AddRun(CLI::App& application);
 Subcommand AddStatus(CLI::App& application);
 Subcommand AddWatch(CLI::App& application);
 Subcommand AddDemo(CLI::App& application);
+/// Not shown: what the demonstration starts.
+Subcommand AddDemoParticipant(CLI::App& application);
 
 }  // namespace kx::velmor::cli

@@ -11,12 +11,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cinttypes>
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
+#include <iostream>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace {
@@ -25,6 +24,7 @@ using kx::logging::LogLevel;
 using kx::velmor::Candidate;
 using kx::velmor::CandidateOptions;
 using kx::velmor::Leadership;
+using kx::velmor::LossReason;
 using kx::velmor::Role;
 using kx::velmor::Session;
 using kx::velmor::SessionOptions;
@@ -42,38 +42,6 @@ struct Options
     std::string name = "p" + std::to_string(::getpid());
     milliseconds sessionTimeout{10'000};
 };
-
-/// One line per change of role.
-void Print(const Options& options, const Session& session, const std::string& role, const std::string& node,
-           const std::string& more = std::string())
-{
-    // The same clock for all processes of a machine, so that their lines can be put in order.
-    using namespace std::chrono;
-    const auto now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
-    std::printf("%" PRId64 ".%06" PRId64 " %s %s node=%s session=0x%" PRIx64 " timeout=%" PRId64 "ms%s\n",
-                static_cast<std::int64_t>(now / 1'000'000), static_cast<std::int64_t>(now % 1'000'000),
-                options.name.c_str(), role.c_str(), node.empty() ? "-" : node.c_str(),
-                static_cast<std::uint64_t>(session.Status().sessionId),
-                static_cast<std::int64_t>(options.sessionTimeout.count()), more.c_str());
-}
-
-/// The role as a line has it; empty when another callback, or nobody, tells of it.
-std::string Text(Role role, Role before)
-{
-    switch (role)
-    {
-        case Role::Joining:
-            return before == Role::Stopped ? "joining" : "lost";
-        case Role::Follower:
-            return "follower";
-        case Role::NextLeader:
-            return "next";
-        case Role::Leader:
-        case Role::Stopped:
-            return std::string();
-    }
-    return std::string();
-}
 
 /// Waits for SIGTERM or SIGINT, which `main` has blocked so that they wait for us.
 bool ToldToLeaveWithin(milliseconds time)
@@ -93,39 +61,31 @@ int Participate(const Options& options)
     sessionOptions.sessionTimeout = options.sessionTimeout;
     const std::shared_ptr<Session> session = Session::OpenInBackground(sessionOptions);
 
-    // The callbacks ask the candidate for its node, and are made before it. What they use goes after it.
-    Role before = Role::Stopped;
-    std::optional<Candidate> candidate;
     CandidateOptions election;
     election.electionPath = options.path;
     election.identity = options.name;
-    election.onRoleChange = [&](Role role) {
-        const std::string text = Text(role, before);
-        if (!text.empty())
-        {
-            Print(options, *session, text, candidate->NodeName());
-        }
-        before = role;
-    };
+    election.onRoleChange = [&](Role role) { std::cout << options.name << ": " << ToString(role) << std::endl; };
     // The epoch is for whatever the leader writes to: it tells this leadership from all that were before.
     election.onLeader = [&](const Leadership& leadership) {
-        Print(options, *session, "leader", candidate->NodeName(), " epoch=" + std::to_string(leadership.Epoch()));
+        std::cout << options.name << ": leads with fencing token " << leadership.Epoch() << std::endl;
     };
-    candidate.emplace(session, election);
-    candidate->Start();
+    election.onLeaderLost = [&](LossReason reason) {
+        std::cout << options.name << ": leads no more: " << ToString(reason) << std::endl;
+    };
+    Candidate candidate(session, election);
+    candidate.Start();
 
     constexpr milliseconds kLook{200};
     while (!ToldToLeaveWithin(kLook))
     {
-        if (candidate->CurrentRole() == Role::Stopped)
+        if (candidate.CurrentRole() == Role::Stopped)
         {
-            KX_LOG(LogLevel::Error, g_log) << "Takes no part any more: " << candidate->Error();
+            KX_LOG(LogLevel::Error, g_log) << "Takes no part any more: " << candidate.Error();
             return EXIT_FAILURE;
         }
     }
-    candidate->Stop();
+    candidate.Stop();
     session->Close();
-    Print(options, *session, "left", std::string());
     return EXIT_SUCCESS;
 }
 
@@ -144,10 +104,7 @@ int main(int argc, char** argv)
         ->type_name("DURATION")
         ->transform(CLI::AsNumberWithUnit(std::map<std::string, std::int64_t>{{"ms", 1}, {"s", 1000}},
                                           CLI::AsNumberWithUnit::UNIT_REQUIRED));
-    app.footer(
-        "A line: seconds on CLOCK_MONOTONIC, name, role (joining, follower, next, leader, lost, left), node=<name>,\n"
-        "session=<id>, timeout=<asked for>, and epoch=<fencing token> for a leader.\n"
-        "Exit status: 0 left, 1 failed, 2 usage.");
+    app.footer("Exit status: 0 left, 1 failed, 2 usage.");
     try
     {
         app.parse(argc, argv);
@@ -163,7 +120,6 @@ int main(int argc, char** argv)
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
     try
     {

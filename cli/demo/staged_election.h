@@ -1,14 +1,15 @@
 #pragma once
 
-#include "examples/scoreboard.h"
+#include "cli/demo/memory_file.h"
+#include "cli/demo/scoreboard.h"
+#include "cli/settings.h"
 #include "process/child_process.h"
-#include "tests/support/raw_client.h"
-#include "tests/support/temporary_directory.h"
+
+#include <kx/velmor/session.h>
 
 #include <signal.h>
 
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -17,14 +18,15 @@
 
 namespace kx::velmor::demo {
 
-namespace support = kx::velmor::testing_support;
-
 /// How long changes may take that need no session to expire.
 constexpr std::chrono::milliseconds kPromptly{10'000};
 
-/// Ctrl-C or a polite request to end; unwinds the stack and so stops everything that was started.
+/// Ctrl-C, a polite request to end, or nobody who reads the output any more; unwinds the stack and so stops everything
+/// that was started.
 struct Interrupted
-{};
+{
+    int signal;
+};
 
 /// The signals that ask the demonstration to end. To be blocked in all threads; `Await` looks for them.
 sigset_t EndSignals();
@@ -35,12 +37,14 @@ void Await(const std::string& what, std::chrono::milliseconds deadline, const st
 
 /// The processes that take part in one election on a path of its own, and what can be known about them from outside.
 ///
-/// Threads: one. Everything throws `std::runtime_error` when the election goes wrong, and `Interrupted`.
+/// Threads: one. Everything throws `VelmorError` when the servers do not answer or refuse, `std::runtime_error` when
+/// the election goes wrong, and `Interrupted`.
 class StagedElection
 {
 public:
-    StagedElection(const std::string& servers, std::chrono::milliseconds sessionTimeout);
-    /// Whatever happened: no process and no node stays behind.
+    /// The path of its own begins with `settings.election`.
+    explicit StagedElection(const cli::Settings& settings);
+    /// Whatever happened: no process and no node of the election stays behind.
     ~StagedElection();
 
     StagedElection(const StagedElection&) = delete;
@@ -55,26 +59,33 @@ public:
     /// What each process said before it came to grief helps to understand why.
     void PrintLogs() const;
 
-    process::ChildProcess& Process(const std::string& name) { return *processes_.at(name); }
+    process::ChildProcess& Process(const std::string& name) { return *participants_.at(name).process; }
     Scoreboard& Board() { return board_; }
     /// What the servers made of the session timeout that the participants ask for.
-    std::chrono::milliseconds GrantedTimeout() const { return client_.SessionTimeout(); }
+    std::chrono::milliseconds GrantedTimeout() const { return session_->Status().negotiatedTimeout; }
     /// The participants' nodes, in order.
-    std::vector<std::string> Queue();
+    std::vector<std::string> Queue() const;
 
 private:
-    std::filesystem::path LogOf(const std::string& name) const { return directory_.Path() / (name + ".log"); }
+    struct Running
+    {
+        std::unique_ptr<MemoryFile> log;
+        std::unique_ptr<process::ChildProcess> process;
+    };
+
     void CheckProcess(const std::string& name);
     /// What keeps this from being a quiet moment; empty when nothing does.
-    std::string Oddity();
+    std::string Oddity() const;
+    /// Whether a node is gone. It is removed, with its children, if not, as far as that goes at once.
+    bool Gone(const std::string& path) const;
 
-    const std::string servers_;
-    const std::chrono::milliseconds sessionTimeout_;
+    const cli::Settings settings_;
     const std::string path_;
-    const support::TemporaryDirectory directory_;
-    support::RawClient client_;
+    /// The secret among the settings, which is no argument of a process.
+    const MemoryFile digest_;
+    const std::shared_ptr<Session> session_;
     Scoreboard board_;
-    std::map<std::string, std::unique_ptr<process::ChildProcess>> processes_;
+    std::map<std::string, Running> participants_;
 };
 
 }  // namespace kx::velmor::demo

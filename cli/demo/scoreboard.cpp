@@ -1,4 +1,4 @@
-#include "examples/scoreboard.h"
+#include "cli/demo/scoreboard.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -26,6 +26,11 @@ std::string InWords(const std::string& name, const std::string& role)
 }
 
 }  // namespace
+
+const char* Word(Role role) noexcept
+{
+    return role == Role::NextLeader ? "next" : ToString(role);
+}
 
 std::string Joined(const std::vector<std::string>& names)
 {

@@ -2,8 +2,11 @@
 // comes back. Shows every change, checks that each successor is the one that was announced, and tells how long each
 // handover took. Start reading at `Play`.
 
-#include "examples/staged_election.h"
-#include "tests/support/zookeeper_server.h"
+#include "cli/demo/staged_election.h"
+#include "cli/exit_status.h"
+#include "cli/subcommand.h"
+
+#include <kx/velmor/error.h>
 
 #include <CLI/CLI.hpp>
 #include <signal.h>
@@ -12,38 +15,43 @@
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <iostream>
-#include <map>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+namespace kx::velmor::cli {
+
 namespace {
 
-using kx::velmor::demo::Await;
-using kx::velmor::demo::EndSignals;
-using kx::velmor::demo::Entry;
-using kx::velmor::demo::Interrupted;
-using kx::velmor::demo::kPromptly;
-using kx::velmor::demo::Scoreboard;
-using kx::velmor::demo::StagedElection;
+using demo::Await;
+using demo::EndSignals;
+using demo::Entry;
+using demo::Interrupted;
+using demo::kPromptly;
+using demo::Scoreboard;
+using demo::StagedElection;
+using process::ChildProcess;
 using std::chrono::milliseconds;
-namespace process = kx::velmor::process;
-namespace support = kx::velmor::testing_support;
 
-constexpr int kExitUsage = 2;
-constexpr int kExitInterrupted = 128 + SIGINT;
+constexpr int kNotAsAnnounced = 1;
 
-struct Options
-{
-    /// Empty: start a throwaway server.
-    std::string servers;
-    milliseconds sessionTimeout{2'000};
-};
+constexpr const char* kDescription =
+    "Five processes elect a leader; leaders leave, are killed and are frozen. Shows,\n"
+    "checks and times each handover.";
+
+constexpr const char* kFooter =
+    "The election takes place on a path of its own, which begins with --election\n"
+    "(default: /velmor-demo) and is removed at the end, also when the demonstration is\n"
+    "interrupted. No other election is touched.\n"
+    "\n"
+    "Example:\n"
+    "  velmor demo --servers zk1:2181,zk2:2181\n"
+    "\n"
+    "Exit status: 0 every election went as announced, 1 one did not, 64 usage, 69 no\n"
+    "server answered in time, 77 not permitted, 78 configuration file, 128+N ended by\n"
+    "signal N.";
 
 struct Handover
 {
@@ -55,7 +63,7 @@ struct Handover
 
 /// Brings the leader to grief and waits until the one that was next leads.
 Handover HandOver(StagedElection& election, const std::string& cause, const std::string& away, milliseconds deadline,
-                  const std::function<void(process::ChildProcess&)>& strike)
+                  const std::function<void(ChildProcess&)>& strike)
 {
     Scoreboard& board = election.Board();
     const std::string leader = board.WithRole("leader").at(0);
@@ -103,17 +111,16 @@ void Play(StagedElection& election)
     const milliseconds expiry = 2 * timeout + kPromptly;
     std::vector<Handover> handovers;
 
-    handovers.push_back(HandOver(election, "is told to leave", "left", kPromptly, [](process::ChildProcess& leader) {
+    handovers.push_back(HandOver(election, "is told to leave", "left", kPromptly, [](ChildProcess& leader) {
         leader.Terminate(kPromptly);
-        if (leader.AwaitExit(kPromptly) != EXIT_SUCCESS)
+        if (leader.AwaitExit(kPromptly) != kSuccess)
         {
             throw std::runtime_error("a participant that was told to leave did not end well");
         }
     }));
+    handovers.push_back(HandOver(election, "is killed", "killed", expiry, [](ChildProcess& leader) { leader.Kill(); }));
     handovers.push_back(
-        HandOver(election, "is killed", "killed", expiry, [](process::ChildProcess& leader) { leader.Kill(); }));
-    handovers.push_back(
-        HandOver(election, "is frozen", "frozen", expiry, [](process::ChildProcess& leader) { leader.Pause(); }));
+        HandOver(election, "is frozen", "frozen", expiry, [](ChildProcess& leader) { leader.Pause(); }));
 
     const std::string frozen = handovers.back().from;
     election.Board().Tell(frozen + " goes on");
@@ -142,73 +149,56 @@ void Play(StagedElection& election)
     PrintTable(handovers, timeout);
 }
 
-int Run(const Options& options)
+int Demonstrate(const Settings& settings)
 {
-    std::optional<support::ZooKeeperServer> server;
-    std::string servers = options.servers;
-    if (servers.empty())
-    {
-        server.emplace();
-        server->Start();
-        servers = server->Address();
-        std::printf("A throwaway server at %s.\n", servers.c_str());
-    }
-    StagedElection election(servers, options.sessionTimeout);
+    // Before any thread starts, since threads take over what is blocked. A reader of the output who goes away is
+    // noticed by an error, in place of a signal that would leave the election behind.
+    const sigset_t signals = EndSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+
     try
     {
-        Play(election);
+        StagedElection election(settings);
+        try
+        {
+            Play(election);
+        }
+        catch (const std::exception&)
+        {
+            election.PrintLogs();
+            throw;
+        }
+        return kSuccess;
     }
-    catch (const std::exception& error)
+    catch (const Interrupted& interrupted)
     {
-        election.PrintLogs();
+        return OfSignal(interrupted.signal);
+    }
+    catch (const Failure&)
+    {
         throw;
     }
-    return EXIT_SUCCESS;
+    catch (const VelmorError&)
+    {
+        throw;
+    }
+    catch (const std::runtime_error& error)
+    {
+        throw Failure(kNotAsAnnounced, std::string("the election did not go as announced: ") + error.what());
+    }
 }
 
 }  // namespace
 
-int main(int argc, char** argv)
+Subcommand AddDemo(CLI::App& application)
 {
-    Options options;
-    CLI::App app(
-        "Five processes elect a leader; leaders leave, are killed and are frozen. Checks and times each handover.");
-    app.add_option(
-        "--servers", options.servers,
-        "An existing ensemble, as in host:2181,host:2181. The demonstration uses a path of its own there and "
-        "removes it. Default: a throwaway server");
-    app.add_option_function<std::int64_t>(
-           "--session-timeout", [&](std::int64_t value) { options.sessionTimeout = milliseconds(value); },
-           "The participants' session timeout, with unit, as in 2s or 500ms (default: 2s)")
-        ->type_name("DURATION")
-        ->transform(CLI::AsNumberWithUnit(std::map<std::string, std::int64_t>{{"ms", 1}, {"s", 1000}},
-                                          CLI::AsNumberWithUnit::UNIT_REQUIRED));
-    app.footer("Exit status: 0 when every election went as announced, 1 when one did not, 2 usage, 130 interrupted.");
-    try
-    {
-        app.parse(argc, argv);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        return app.exit(error) == EXIT_SUCCESS ? EXIT_SUCCESS : kExitUsage;
-    }
-
-    // Before any thread starts, since threads take over what is blocked.
-    const sigset_t signals = EndSignals();
-    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
-    try
-    {
-        return Run(options);
-    }
-    catch (const Interrupted&)
-    {
-        std::cerr << "demo: interrupted\n";
-        return kExitInterrupted;
-    }
-    catch (const std::exception& error)
-    {
-        std::cerr << "demo: FAILED: " << error.what() << '\n';
-        return EXIT_FAILURE;
-    }
+    CLI::App* const app = application.add_subcommand("demo", kDescription);
+    app->footer(kFooter);
+    Defaults defaults;
+    defaults.election = "/velmor-demo";
+    defaults.sessionTimeout = milliseconds(2'000);
+    return {app, Demonstrate, defaults};
 }
+
+}  // namespace kx::velmor::cli

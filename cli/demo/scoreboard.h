@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kx/velmor/candidate.h>
+
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -7,6 +9,9 @@
 #include <vector>
 
 namespace kx::velmor::demo {
+
+/// A role in one word, as participants tell it.
+const char* Word(Role role) noexcept;
 
 /// What one participant has told last.
 struct Entry

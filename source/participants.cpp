@@ -1,19 +1,17 @@
 #include "source/election_nodes.h"
+#include "source/participant_nodes.h"
 
 #include <kx/velmor/election_session.h>
 #include <kx/velmor/error.h>
-#include <kx/velmor/participants.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace kx::velmor {
-
-namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::system_clock;
 
-/// The names of the nodes, in the order of the queue.
 std::vector<std::string> Queue(const ElectionSession& session, const std::string& electionPath)
 {
     std::vector<std::string> names;
@@ -26,8 +24,7 @@ std::vector<std::string> Queue(const ElectionSession& session, const std::string
     return names;
 }
 
-/// False when the node has gone.
-bool Describe(const ElectionSession& session, const std::string& electionPath, Participant& participant)
+bool DescribePlace(const ElectionSession& session, const std::string& electionPath, Participant& participant)
 {
     Stat stat{};
     const int rc = session.Exists(electionPath + "/" + participant.node, &stat);
@@ -42,20 +39,28 @@ bool Describe(const ElectionSession& session, const std::string& electionPath, P
     participant.session = stat.ephemeralOwner;
     participant.epoch = stat.czxid;
     participant.joined = system_clock::time_point(milliseconds(stat.ctime));
-    participant.age =
-        std::max(std::chrono::duration_cast<milliseconds>(system_clock::now() - participant.joined), milliseconds(0));
+    DescribeAge(participant);
+    return true;
+}
 
+void DescribeIdentity(const ElectionSession& session, const std::string& electionPath, Participant& participant)
+{
     std::string data;
-    const int read = session.GetData(IdentityPath(electionPath, participant.node, participant.session), data, nullptr);
-    if (read == ZOK)
+    const int rc = session.GetData(IdentityPath(electionPath, participant.node, participant.session), data, nullptr);
+    if (rc == ZOK)
     {
         participant.identity = DecodeSignature(data).identity;
     }
-    else if (read != ZNONODE)
+    else if (rc != ZNONODE)
     {
-        throw ZooError(read);
+        throw ZooError(rc);
     }
-    return true;
+}
+
+void DescribeAge(Participant& participant)
+{
+    participant.age =
+        std::max(std::chrono::duration_cast<milliseconds>(system_clock::now() - participant.joined), milliseconds(0));
 }
 
 Role RoleAt(std::size_t position)
@@ -65,6 +70,19 @@ Role RoleAt(std::size_t position)
         return Role::Leader;
     }
     return position == 1 ? Role::NextLeader : Role::Follower;
+}
+
+namespace {
+
+/// False when the node has gone.
+bool Describe(const ElectionSession& session, const std::string& electionPath, Participant& participant)
+{
+    if (!DescribePlace(session, electionPath, participant))
+    {
+        return false;
+    }
+    DescribeIdentity(session, electionPath, participant);
+    return true;
 }
 
 }  // namespace

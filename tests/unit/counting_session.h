@@ -1,0 +1,81 @@
+#pragma once
+
+#include <kx/velmor/election_session.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kx::velmor::testing_support {
+
+/// Hands everything on to another session, and keeps a list of the reads, as in "exists /a", "watch /a", "data /a",
+/// "children /a".
+///
+/// Threads: any.
+class CountingSession final : public ElectionSession
+{
+public:
+    explicit CountingSession(std::shared_ptr<ElectionSession> session) : session_(std::move(session)) {}
+
+    int Reads() const;
+    int Count(const std::string& read) const;
+    std::vector<std::string> Take();
+    void Forget() { Take(); }
+    /// Runs `task` before the next such read, or before each one.
+    void Before(const std::string& read, std::function<void()> task);
+    void BeforeEach(const std::string& read, std::function<void()> task);
+
+    SessionStatus Status() const override { return session_->Status(); }
+    Registration OnStateChange(StateListener listener) override { return session_->OnStateChange(std::move(listener)); }
+    Registration OnHeard(HeardListener listener) override { return session_->OnHeard(std::move(listener)); }
+    Registration OnEnding(EndingListener listener) override { return session_->OnEnding(std::move(listener)); }
+    Registration KeepFresh() override { return session_->KeepFresh(); }
+    BootClock::time_point Now() const noexcept override { return session_->Now(); }
+    Registration OnClockJump(std::function<void()> listener) override
+    {
+        return session_->OnClockJump(std::move(listener));
+    }
+    const std::string& RootPath() const override { return session_->RootPath(); }
+    std::unique_ptr<clientid_t> ClientId() const override { return session_->ClientId(); }
+
+    int GetChildren(std::string path, std::vector<std::string>& children) const override;
+    int Exists(std::string path, Stat* stat) const override;
+    std::pair<int, WatchHandle> Exists(std::string path, WatchCallback callback, Stat* stat) const override;
+    int GetData(std::string path, std::string& data, Stat* stat) const override;
+
+    int Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
+               std::string* createdPath) const override
+    {
+        return session_->Create(std::move(path), data, acl, flags, createdPath);
+    }
+    int GuaranteedDelete(std::string path) const override { return session_->GuaranteedDelete(std::move(path)); }
+    int Transact(const std::vector<Operation>& operations, TransactionResult& result) const override
+    {
+        return session_->Transact(operations, result);
+    }
+    int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
+                   TransactionResult& result) const override
+    {
+        return session_->TransactIn(sessionId, operations, result);
+    }
+
+private:
+    struct Task
+    {
+        std::function<void()> run;
+        bool once;
+    };
+
+    void Note(const std::string& read) const;
+
+    const std::shared_ptr<ElectionSession> session_;
+    mutable std::mutex mutex_;
+    mutable std::vector<std::string> reads_;
+    mutable std::map<std::string, Task> tasks_;
+};
+
+}  // namespace kx::velmor::testing_support

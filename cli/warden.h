@@ -62,13 +62,15 @@ struct WardenReport
     };
 
     What what;
-    /// Of a hook.
+    /// All but `Gone`: of what.
+    Launch::Kind kind = Launch::Kind::Service;
+    /// As `Launch` said.
     std::string name{};
-    /// `Launched`.
+    /// All but `NotLaunched` and `Gone`: the number of the process, after its end the number that it had.
     pid_t pid = 0;
     /// `Ended`, `HookEnded`: as `waitpid` has it.
     int waitStatus = 0;
-    /// `Ended`: because the lease ran out.
+    /// `Ended`: because the lease ran out. `NotLaunched`: because it had run out before; `code` is ECANCELED.
     bool leaseRanOut = false;
     /// `NotLaunched`: the number, as in <cerrno>, and the text.
     int code = 0;

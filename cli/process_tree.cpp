@@ -1,0 +1,121 @@
+#include "cli/process_tree.h"
+
+#include "cli/owned_descriptor.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+
+namespace kx::velmor::cli {
+
+namespace {
+
+/// Empty when there is no such process any more.
+std::optional<ProcessEntry> ReadEntry(pid_t pid)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    // The second field is the name in parentheses, which may itself hold parentheses and blanks.
+    const std::size_t nameEnd = text.rfind(')');
+    if (nameEnd == std::string::npos)
+    {
+        return std::nullopt;
+    }
+    std::istringstream fields(text.substr(nameEnd + 1));
+    ProcessEntry entry;
+    entry.pid = pid;
+    char state = 0;
+    fields >> state >> entry.parent >> entry.group;
+    constexpr int kBetweenGroupAndStartTime = 16;
+    std::string other;
+    for (int i = 0; i < kBetweenGroupAndStartTime; ++i)
+    {
+        fields >> other;
+    }
+    fields >> entry.startTime;
+    return fields ? std::optional<ProcessEntry>(entry) : std::nullopt;
+}
+
+std::map<pid_t, ProcessEntry> ReadAll()
+{
+    std::map<pid_t, ProcessEntry> all;
+    const auto close = [](DIR* directory) { ::closedir(directory); };
+    const std::unique_ptr<DIR, decltype(close)> directory(::opendir("/proc"), close);
+    while (const dirent* const item = directory ? ::readdir(directory.get()) : nullptr)
+    {
+        const auto pid = static_cast<pid_t>(std::strtol(item->d_name, nullptr, 10));
+        if (pid <= 0)
+        {
+            continue;
+        }
+        if (const std::optional<ProcessEntry> entry = ReadEntry(pid))
+        {
+            all.emplace(pid, *entry);
+        }
+    }
+    return all;
+}
+
+/// 0 when it does not descend from `root`.
+pid_t TopBelow(pid_t root, const ProcessEntry& process, const std::map<pid_t, ProcessEntry>& all)
+{
+    const ProcessEntry* current = &process;
+    // Read at different moments, parents may seem to go round in a circle.
+    for (std::size_t steps = 0; steps <= all.size(); ++steps)
+    {
+        if (current->parent == root)
+        {
+            return current->pid;
+        }
+        const auto parent = all.find(current->parent);
+        if (parent == all.end())
+        {
+            return 0;
+        }
+        current = &parent->second;
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::vector<ProcessEntry> Descendants(pid_t root)
+{
+    const std::map<pid_t, ProcessEntry> all = ReadAll();
+    std::vector<ProcessEntry> found;
+    for (const auto& [pid, entry] : all)
+    {
+        if (const pid_t top = TopBelow(root, entry, all))
+        {
+            found.push_back(entry);
+            found.back().top = top;
+        }
+    }
+    return found;
+}
+
+bool SignalProcess(const ProcessEntry& process, int signal)
+{
+    // By number: the C library's own declarations of these two are not made for C++.
+    const OwnedDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process.pid, 0)));
+    const std::optional<ProcessEntry> now = ReadEntry(process.pid);
+    if (!handle || !now || now->startTime != process.startTime)
+    {
+        return true;
+    }
+    return ::syscall(SYS_pidfd_send_signal, handle.Get(), signal, nullptr, 0) == 0 || errno != EPERM;
+}
+
+}  // namespace kx::velmor::cli

@@ -93,9 +93,9 @@ CLI::Option* AddChoice(CLI::App& application, const std::string& flag, std::stri
 {
     return application.add_option(flag, value, description)
         ->type_name(CLI::detail::join(choices, "|"))
-        ->check([choices](const std::string& given) {
+        ->check([choices](const std::string& given) -> std::string {
             return std::find(choices.begin(), choices.end(), given) != choices.end()
-                       ? std::string()
+                       ? ""
                        : "\"" + given + "\" is none of " + CLI::detail::join(choices, ", ");
         });
 }
@@ -128,14 +128,14 @@ CommonOptions::CommonOptions(CLI::App& application, const std::string& group)
     std::vector<CLI::Option*> options;
     options.push_back(application.add_option("--servers", servers_, "The ZooKeeper servers")
                           ->type_name("HOST:PORT,...")
-                          ->join(',')
+                          ->join()
                           ->check(CheckServers));
     options.push_back(application.add_option("--election", election_, "The election, as in /services/billing/leader")
                           ->type_name("PATH")
                           ->check(CheckPath));
     options.push_back(application.add_option("--root", root_, "Put in front of all paths, as in /apps/x")
                           ->type_name("PATH")
-                          ->check(CheckPath));
+                          ->check([](const std::string& path) { return path.empty() ? path : CheckPath(path); }));
     options.push_back(AddDuration(application, "--session-timeout", sessionTimeout_,
                                   "How long the servers keep a place in the election after they last heard from its "
                                   "owner (default: 10s; demo: 2s)"));
@@ -163,7 +163,9 @@ CommonOptions::CommonOptions(CLI::App& application, const std::string& group)
 Settings CommonOptions::Complete(const Defaults& defaults) const
 {
     Settings settings;
+    // CLI11 puts lines together when there are several.
     settings.servers = servers_;
+    std::replace(settings.servers.begin(), settings.servers.end(), '\n', ',');
     settings.election = election_.empty() ? defaults.election : election_;
     settings.root = root_;
     settings.sessionTimeout = sessionTimeout_.value_or(defaults.sessionTimeout);

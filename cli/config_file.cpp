@@ -55,7 +55,15 @@ std::string WithoutComment(const std::string& line)
     return line;
 }
 
-/// The file's lines as CLI11 reads them right.
+/// Whether a list begins in `line` that ends in another one.
+bool OpensList(const std::string& line)
+{
+    const std::size_t equals = line.find('=');
+    const std::size_t value = equals != std::string::npos ? line.find_first_not_of(" \t", equals + 1) : equals;
+    return value != std::string::npos && line[value] == '[' && line.back() != ']';
+}
+
+/// The file's lines, those of a list in one, without what CLI11 would pass over or take for something else.
 std::stringstream Prepare(const std::filesystem::path& file)
 {
     std::ifstream stream(file);
@@ -69,13 +77,22 @@ std::stringstream Prepare(const std::filesystem::path& file)
     }
     std::stringstream prepared;
     int number = 0;
+    std::string list;
     for (std::string line; std::getline(stream, line);)
     {
         ++number;
         line = CLI::detail::trim_copy(WithoutComment(line));
-        // CLI11 passes over such lines.
-        const bool closesArray = line == "]";
-        if (!line.empty() && line.size() < 3 && !closesArray && line.front() != ';')
+        if (line.empty() || line.front() == ';')
+        {
+            continue;
+        }
+        line.insert(0, std::exchange(list, ""));
+        if (OpensList(line))
+        {
+            list = line + " ";
+            continue;
+        }
+        if (line.size() < 3)
         {
             Refuse(file, "line " + std::to_string(number) + ": \"" + line + "\" means nothing");
         }
@@ -84,6 +101,10 @@ std::stringstream Prepare(const std::filesystem::path& file)
     if (stream.bad())
     {
         Refuse(file, "it cannot be read");
+    }
+    if (!list.empty())
+    {
+        Refuse(file, "a list has no end: \"" + list.substr(0, list.size() - 1) + "\"");
     }
     return prepared;
 }

@@ -66,7 +66,7 @@ Front::Front(std::ostream& out, std::ostream& err, std::filesystem::path systemF
     // Common options may stand behind the subcommand.
     application_.fallthrough();
     application_.require_subcommand(0, 1);
-    application_.footer("What a subcommand does, its options and its exit statuses: velmor SUBCOMMAND --help");
+    application_.footer("What a subcommand does, its options and exit statuses: velmor SUBCOMMAND --help");
 }
 
 void Front::Add(Subcommand subcommand)
@@ -166,13 +166,14 @@ void Front::TakeRules(CLI::App& application)
 
 void Front::ParseCommandLine(std::vector<std::string> arguments)
 {
-    // CLI11 takes the next argument for the value.
-    const auto empty = std::find_if(arguments.begin(), arguments.end(), [](const std::string& argument) {
-        return argument.size() > 3 && argument.compare(0, 2, "--") == 0 && argument.find('=') == argument.size() - 1;
-    });
-    if (empty != arguments.end())
+    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument)
     {
-        throw Failure(kUsage, empty->substr(0, empty->size() - 1) + ": the value is missing");
+        // "--name=" is an empty value; CLI11 would take the next argument for it.
+        if (argument->size() > 3 && argument->compare(0, 2, "--") == 0 && argument->find('=') == argument->size() - 1)
+        {
+            argument->pop_back();
+            argument = arguments.insert(argument + 1, "");
+        }
     }
     std::reverse(arguments.begin(), arguments.end());
     try

@@ -1,7 +1,10 @@
 #include "cli/help.h"
 
+#include "cli/option_values.h"
+
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -14,22 +17,12 @@ constexpr std::size_t kWidth = 80;
 /// Where descriptions of options begin.
 constexpr std::size_t kColumn = 26;
 
-/// "a|b|c" of a check's "TEXT:{a,b,c}", and of "TEXT:value in {a->0,b->1,c->2} OR {0,1,2}".
-std::string TypeOf(const CLI::Option& option)
+/// Up to the first full stop, and without it.
+std::string FirstSentence(const std::string& text)
 {
-    const std::string type = option.get_type_name();
-    const std::size_t begin = type.find('{');
-    const std::size_t end = type.find('}');
-    if (begin == std::string::npos || end == std::string::npos || end < begin)
-    {
-        return type;
-    }
-    std::string choices;
-    for (const std::string& choice : CLI::detail::split(type.substr(begin + 1, end - begin - 1), ','))
-    {
-        choices += (choices.empty() ? "" : "|") + choice.substr(0, choice.find("->"));
-    }
-    return choices;
+    const std::size_t stop = std::min(text.find(". "), text.find(".\n"));
+    const std::string sentence = text.substr(0, stop);
+    return !sentence.empty() && sentence.back() == '.' ? sentence.substr(0, sentence.size() - 1) : sentence;
 }
 
 /// `name` in a line, `text` beside it, or below it when the name is too long.
@@ -70,7 +63,8 @@ std::string HelpFormatter::make_option(const CLI::Option* option, bool isPositio
     std::string name = make_option_name(option, isPositional);
     if (option->get_type_size() != 0 && option->get_expected_min() != 0)
     {
-        name += " " + TypeOf(*option);
+        const std::vector<std::string> choices = ChoicesOf(*option);
+        name += " " + (choices.empty() ? option->get_type_name() : CLI::detail::join(choices, "|"));
     }
     const std::string standard = option->get_default_str();
     return Row(name, option->get_description() + (standard.empty() ? "" : " (default: " + standard + ")"));
@@ -108,7 +102,7 @@ std::string HelpFormatter::make_help(const CLI::App* application, std::string na
         text += "\nSubcommands:\n";
         for (const CLI::App* const subcommand : subcommands)
         {
-            text += Row(subcommand->get_name(), subcommand->get_description());
+            text += Row(subcommand->get_name(), FirstSentence(subcommand->get_description()));
         }
     }
     for (const CLI::App* const optionGroup :

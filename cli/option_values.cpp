@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <numeric>
-#include <utility>
 
 namespace kx::velmor::cli {
 
@@ -20,21 +18,38 @@ bool IsFlag(const CLI::Option& option)
     return option.get_expected_min() == 0;
 }
 
-/// Insertions, deletions and replacements of characters from one to the other.
+/// What people call a type of CLI11.
+std::string Noun(const std::string& type)
+{
+    if (type == "INT" || type == "UINT")
+    {
+        return type == "INT" ? "whole number" : "whole number from 0 on";
+    }
+    return type == "FLOAT" ? "number" : type;
+}
+
+/// How many characters were inserted, left out, mistaken or exchanged with their neighbour.
 std::size_t Distance(const std::string& one, const std::string& other)
 {
-    std::vector<std::size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 1; i <= one.size(); ++i)
+    std::vector<std::vector<std::size_t>> table(one.size() + 1, std::vector<std::size_t>(other.size() + 1));
+    for (std::size_t i = 0; i <= one.size(); ++i)
     {
-        std::size_t diagonal = std::exchange(row[0], i);
-        for (std::size_t j = 1; j <= other.size(); ++j)
+        for (std::size_t j = 0; j <= other.size(); ++j)
         {
-            const std::size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
-            diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, replaced}));
+            if (i == 0 || j == 0)
+            {
+                table[i][j] = i + j;
+                continue;
+            }
+            const std::size_t replaced = table[i - 1][j - 1] + (one[i - 1] == other[j - 1] ? 0 : 1);
+            table[i][j] = std::min({table[i - 1][j] + 1, table[i][j - 1] + 1, replaced});
+            if (i > 1 && j > 1 && one[i - 1] == other[j - 2] && one[i - 2] == other[j - 1])
+            {
+                table[i][j] = std::min(table[i][j], table[i - 2][j - 2] + 1);
+            }
         }
     }
-    return row.back();
+    return table[one.size()][other.size()];
 }
 
 }  // namespace
@@ -68,12 +83,41 @@ std::string EnvironmentNameOf(const CLI::Option& option)
     return name;
 }
 
+std::vector<std::string> ChoicesOf(const CLI::Option& option)
+{
+    const std::string type = option.get_type_name();
+    // "TEXT:{a,b,c}", where no other words are given for that.
+    const std::size_t begin = type.find('{');
+    const std::size_t end = type.find('}');
+    const std::string shown = type.substr(0, type.find(':'));
+    if (shown.find_first_not_of("abcdefghijklmnopqrstuvwxyz-|") == std::string::npos)
+    {
+        return CLI::detail::split(shown, '|');
+    }
+    if (begin == std::string::npos || end == std::string::npos || end < begin)
+    {
+        return {};
+    }
+    std::vector<std::string> choices = CLI::detail::split(type.substr(begin + 1, end - begin - 1), ',');
+    for (std::string& choice : choices)
+    {
+        // "a->0"
+        choice.erase(std::min(choice.find("->"), choice.size()));
+    }
+    return choices;
+}
+
 std::string Reason(const CLI::ParseError& error, const CLI::Option& option)
 {
     if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr && !option.results().empty())
     {
         return "\"" + option.results().back() + "\" " +
-               (IsFlag(option) ? "is neither true nor false" : "is no " + option.get_type_name());
+               (IsFlag(option) ? "is neither true nor false" : "is no " + Noun(option.get_type_name()));
+    }
+    const std::vector<std::string> choices = ChoicesOf(option);
+    if (dynamic_cast<const CLI::ValidationError*>(&error) != nullptr && !choices.empty() && !option.results().empty())
+    {
+        return "\"" + option.results().back() + "\" is none of " + CLI::detail::join(choices, ", ");
     }
     std::string text = error.what();
     const std::string name = option.get_name();

@@ -24,6 +24,9 @@ std::string KeyOf(const CLI::Option& option);
 /// "VELMOR_GRACE" for `--grace`.
 std::string EnvironmentNameOf(const CLI::Option& option);
 
+/// What it takes, when that is one of a few words, in the order in which they are to be shown.
+std::vector<std::string> ChoicesOf(const CLI::Option& option);
+
 /// What is wrong, without the option's name in front: "\"10\" is no duration: ...".
 std::string Reason(const CLI::ParseError& error, const CLI::Option& option);
 

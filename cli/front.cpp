@@ -251,9 +251,15 @@ void Front::RefuseUnknown(const std::string& argument)
         throw Failure(kUsage, "unexpected argument \"" + argument + "\"" +
                                   (chosen->defaults.takesCommand ? std::string(": ") + kWhereCommandsStand : ""));
     }
-    std::vector<std::string> known(subcommands_.size());
-    std::transform(subcommands_.begin(), subcommands_.end(), known.begin(),
-                   [](const Subcommand& subcommand) { return subcommand.app->get_name(); });
+    std::vector<std::string> known;
+    for (const Subcommand& subcommand : subcommands_)
+    {
+        // One without a group is not shown.
+        if (!subcommand.app->get_group().empty())
+        {
+            known.push_back(subcommand.app->get_name());
+        }
+    }
     throw Failure(kUsage, "unknown subcommand \"" + argument + "\"" + Suggestion(argument, known));
 }
 

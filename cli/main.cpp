@@ -7,8 +7,9 @@
 
 int main(int argc, char** argv)
 {
-    kx::velmor::cli::Front front(std::cout, std::cerr);
-    for (const auto add : {kx::velmor::cli::AddDemo, kx::velmor::cli::AddDemoParticipant})
+    using namespace kx::velmor::cli;  // NOLINT(google-build-using-namespace)
+    Front front(std::cout, std::cerr);
+    for (const auto add : {AddRun, AddDemo, AddDemoParticipant})
     {
         front.Add(add(front.Application()));
     }

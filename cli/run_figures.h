@@ -1,40 +1,18 @@
 #pragma once
 
-#include <kx/velmor/candidate.h>
-#include <kx/velmor/session_status.h>
+#include "cli/standing.h"
 
 #include <prometheus/counter.h>
 #include <prometheus/gauge.h>
 #include <prometheus/histogram.h>
 #include <prometheus/registry.h>
-#include <sys/types.h>
 
 #include <array>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <optional>
 #include <string>
 
 namespace kx::velmor::cli {
-
-/// Where a participant stands at one moment, for people and for those who watch.
-struct Standing
-{
-    std::string election;
-    std::string identity;
-    Role role = Role::Stopped;
-    /// Empty while it has no place in the queue.
-    std::string node;
-    /// Of its leadership.
-    std::optional<std::int64_t> epoch;
-    std::chrono::milliseconds leaseLeft{0};
-    SessionStatus session;
-    /// When it was last known; empty until then.
-    std::optional<std::size_t> queueLength;
-    /// Of its command, while that runs.
-    std::optional<pid_t> command;
-};
 
 /// What there is to be told in one place of a participant: how it stands, and what has happened so far.
 ///

@@ -82,6 +82,7 @@ ServiceRun::ServiceRun(const Settings& settings, RunOptions options, Warden& war
     const auto measured = std::make_shared<MeasuredSession>(
         session_, [this](steady_clock::duration duration) { figures_.OnCheck(duration); });
     candidate_.emplace(measured, ElectionOptions());
+    standing_.emplace(session_, *candidate_, settings_.election);
     if (!options_.http.empty())
     {
         endpoint_.emplace(options_.http, Answers());
@@ -444,37 +445,12 @@ std::map<std::string, std::string> ServiceRun::Environment() const
 
 Standing ServiceRun::Stands() const
 {
-    Standing standing;
-    standing.election = settings_.election;
-    standing.identity = candidate_->Identity();
-    standing.role = candidate_->CurrentRole();
-    standing.node = candidate_->NodeName();
-    if (const std::optional<Leadership> leadership = candidate_->CurrentLeadership())
-    {
-        standing.epoch = leadership->Epoch();
-    }
-    standing.leaseLeft = candidate_->LeaseLeft();
-    standing.session = session_->Status();
-    standing.queueLength = QueueLength();
+    Standing standing = standing_->Read();
     if (const pid_t pid = pid_; pid != 0)
     {
         standing.command = pid;
     }
     return standing;
-}
-
-std::optional<std::size_t> ServiceRun::QueueLength() const
-{
-    // Without a connection a question would wait for one.
-    std::vector<std::string> names;
-    const bool known =
-        session_->Status().state == SessionState::Connected && session_->GetChildren(settings_.election, names) == ZOK;
-    const std::lock_guard<std::mutex> lock(queueMutex_);
-    if (known)
-    {
-        queueLength_ = names.size();
-    }
-    return queueLength_;
 }
 
 void ServiceRun::Post(std::function<void()> task)

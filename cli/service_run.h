@@ -6,6 +6,7 @@
 #include "cli/run_options.h"
 #include "cli/service_manager.h"
 #include "cli/settings.h"
+#include "cli/standing.h"
 #include "cli/warden.h"
 
 #include <kx/velmor/candidate.h>
@@ -18,13 +19,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <future>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -130,7 +129,6 @@ private:
     void KeepManagerInformed();
     std::map<std::string, std::string> Environment() const;
     Standing Stands() const;
-    std::optional<std::size_t> QueueLength() const;
     void Post(std::function<void()> task);
 
     const Settings settings_;
@@ -150,8 +148,6 @@ private:
     // Threads of the session and of the endpoint, too.
     std::atomic<pid_t> pid_{0};
     std::atomic<bool> reachedServers_{false};
-    mutable std::mutex queueMutex_;
-    mutable std::optional<std::size_t> queueLength_;
 
     // This thread alone.
     Phase phase_ = Phase::Pausing;
@@ -183,6 +179,7 @@ private:
     Registration heard_;
     Registration states_;
     std::optional<Candidate> candidate_;
+    std::optional<StandingReader> standing_;
     std::optional<HttpEndpoint> endpoint_;
 };
 

@@ -109,7 +109,7 @@ void ServiceRun::OnReport(const WardenReport& report)
     switch (report.what)
     {
         case WardenReport::What::Launched:
-            if (report.name.empty())
+            if (report.kind == Launch::Kind::Service)
             {
                 pid_ = report.pid;
                 figures_.OnCommandStarted();
@@ -117,11 +117,12 @@ void ServiceRun::OnReport(const WardenReport& report)
             }
             return;
         case WardenReport::What::NotLaunched:
-            KX_LOG(LogLevel::Error, g_log) << (report.name.empty() ? options_.command.front() : "--" + report.name)
-                                           << " cannot be started: " << report.error;
-            if (report.name.empty())
+            KX_LOG(LogLevel::Error, g_log)
+                << (report.kind == Launch::Kind::Service ? std::string("The command") : "The hook --" + report.name)
+                << " cannot be started: " << report.error;
+            if (report.kind == Launch::Kind::Service)
             {
-                OnServiceEnded(report.code == ENOENT ? kNotFound : kCannotExecute, false, false);
+                OnServiceEnded(report.code == ENOENT ? kNotFound : kCannotExecute, false, report.leaseRanOut);
             }
             else
             {

@@ -3,14 +3,13 @@
 #include "cli/owned_descriptor.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,11 +21,21 @@ namespace kx::velmor::cli {
 
 namespace {
 
+/// A file of /proc in one piece, "" when it is not there. (A stream would throw when the process ends meanwhile.)
+std::string ReadAtOnce(const std::string& path)
+{
+    constexpr std::size_t kRoom = 4096;
+    std::string text(kRoom, '\0');
+    const OwnedDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const ssize_t size = file ? ::read(file.Get(), text.data(), text.size()) : -1;
+    text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return text;
+}
+
 /// Empty when there is no such process any more.
 std::optional<ProcessEntry> ReadEntry(pid_t pid)
 {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string text = ReadAtOnce("/proc/" + std::to_string(pid) + "/stat");
     // The second field is the name in parentheses, which may itself hold parentheses and blanks.
     const std::size_t nameEnd = text.rfind(')');
     if (nameEnd == std::string::npos)

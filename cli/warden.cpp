@@ -139,7 +139,12 @@ public:
         {
             return received.message->get<WardenReport>();
         }
-        if (!received.closed || !Bury())
+        if (!received.closed)
+        {
+            return std::nullopt;
+        }
+        takesOrders_ = false;
+        if (!Bury())
         {
             return std::nullopt;
         }
@@ -151,7 +156,7 @@ public:
 
     void Send(const Order& order)
     {
-        if (buried_)
+        if (!takesOrders_)
         {
             return;
         }
@@ -161,8 +166,9 @@ public:
         }
         catch (const std::system_error& error)
         {
-            // Its end is reported by `Receive`, and it has to end when it takes nothing any more.
-            KX_LOG(LogLevel::Error, g_log) << "The warden takes no orders: " << error.what();
+            takesOrders_ = false;
+            KX_LOG(LogLevel::Error, g_log) << "The warden takes no orders and is killed: " << error.what();
+            // `Receive` reports it.
             ::kill(pid_, SIGKILL);
         }
     }
@@ -183,7 +189,7 @@ public:
         const SharedLease::Times before = std::exchange(leaseWritten_, times);
         lease_.Write(times);
         // It wakes up when the lease that it knows runs out, and need not be told of a longer one.
-        if (times.end < before.end || times.killAt < before.killAt)
+        if (takesOrders_ && (times.end < before.end || times.killAt < before.killAt))
         {
             SendNudge(socket_.Get());
         }
@@ -236,6 +242,7 @@ private:
     OwnedDescriptor socket_;
     pid_t pid_ = 0;
     std::string roleFile_;
+    bool takesOrders_ = true;
     /// The warden has ended, and all that it had started.
     bool buried_ = false;
 };

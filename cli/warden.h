@@ -88,7 +88,8 @@ struct WardenReport
 /// in whose foreground this process is, the service's group is brought to the foreground for as long as it runs, and
 /// is not suspended by the terminal: Ctrl-Z is undone.
 ///
-/// Threads: one at a time. Nothing blocks, except the destructor.
+/// Threads: one at a time. Nothing blocks, except the destructor; a warden that is hundreds of orders behind is given a
+/// second, and is killed when it takes none then.
 class Warden
 {
 public:

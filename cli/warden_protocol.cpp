@@ -2,6 +2,7 @@
 
 #include "cli/owned_descriptor.h"
 
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -26,6 +27,8 @@ using Bytes = std::vector<std::uint8_t>;
 
 /// Well below what a socket's buffer holds by default.
 constexpr std::size_t kLargestPacket = 32'768;
+
+constexpr std::chrono::milliseconds kLongestJam{1'000};
 
 json JsonOf(const Launch& launch)
 {
@@ -91,6 +94,21 @@ int SendPacket(int socket, const Bytes& bytes, int descriptor) noexcept
     return sent < 0 ? -1 : 0;
 }
 
+void SendInTime(int socket, const Bytes& bytes, int descriptor)
+{
+    while (SendPacket(socket, bytes, descriptor) != 0)
+    {
+        pollfd awaited{socket, POLLOUT, 0};
+        // Room that is there again means another go; so does a signal.
+        const bool full = errno == EAGAIN;
+        const int count = full ? ::poll(&awaited, 1, static_cast<int>(kLongestJam.count())) : 0;
+        if (!full || count == 0 || (count < 0 && errno != EINTR))
+        {
+            throw std::system_error(full ? EAGAIN : errno, std::generic_category(), "send");
+        }
+    }
+}
+
 OwnedDescriptor FileInMemory(const Bytes& bytes)
 {
     OwnedDescriptor file(Checked(::memfd_create("velmor-message", MFD_CLOEXEC), "memfd_create"));
@@ -148,15 +166,24 @@ OwnedDescriptor DescriptorIn(msghdr& packet)
 
 void to_json(json& value, const Order& order)
 {
-    value = {{"what", order.what},           {"launch", JsonOf(order.launch)},
-             {"signal", order.signal},       {"wholeGroup", order.wholeGroup},
-             {"grace", order.grace.count()}, {"line", order.line}};
+    value = {{"what", order.what},
+             {"signal", order.signal},
+             {"wholeGroup", order.wholeGroup},
+             {"grace", order.grace.count()},
+             {"line", order.line}};
+    if (order.what == Order::What::Start)
+    {
+        value["launch"] = JsonOf(order.launch);
+    }
 }
 
 void from_json(const json& value, Order& order)
 {
     value.at("what").get_to(order.what);
-    order.launch = LaunchOf(value.at("launch"));
+    if (order.what == Order::What::Start)
+    {
+        order.launch = LaunchOf(value.at("launch"));
+    }
     value.at("signal").get_to(order.signal);
     value.at("wholeGroup").get_to(order.wholeGroup);
     order.grace = std::chrono::milliseconds(value.at("grace").get<std::int64_t>());
@@ -192,11 +219,11 @@ void SendMessage(int socket, const json& message)
     const Bytes bytes = json::to_cbor(message);
     if (bytes.size() <= kLargestPacket)
     {
-        Checked(SendPacket(socket, bytes, -1), "send");
+        SendInTime(socket, bytes, -1);
         return;
     }
     const OwnedDescriptor file = FileInMemory(bytes);
-    Checked(SendPacket(socket, NullBytes(), file.Get()), "send");
+    SendInTime(socket, NullBytes(), file.Get());
 }
 
 void SendNudge(int socket) noexcept

@@ -3,8 +3,8 @@
 #include <poll.h>
 
 #include <fstream>
-#include <iterator>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 
 namespace kx::velmor::cli {
@@ -86,7 +86,9 @@ void AwaitDeath(pid_t pid)
 std::string ReadText(const std::filesystem::path& path)
 {
     std::ifstream file(path);
-    return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 }  // namespace kx::velmor::cli

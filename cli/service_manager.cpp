@@ -3,6 +3,7 @@
 #include <systemd/sd-daemon.h>
 
 #include <cstdint>
+#include <utility>
 
 namespace kx::velmor::cli {
 
@@ -19,9 +20,8 @@ void Notify(const std::string& state)
 
 void ServiceManager::Ready()
 {
-    if (!ready_)
+    if (!std::exchange(ready_, true))
     {
-        ready_ = true;
         Notify("READY=1");
     }
 }
@@ -33,7 +33,10 @@ void ServiceManager::Status(const std::string& text)
 
 void ServiceManager::Stopping()
 {
-    Notify("STOPPING=1");
+    if (!std::exchange(stopping_, true))
+    {
+        Notify("STOPPING=1");
+    }
 }
 
 void ServiceManager::Alive()

@@ -15,6 +15,7 @@ public:
     void Ready();
     /// A line for people.
     void Status(const std::string& text);
+    /// Begins to end. Told once.
     void Stopping();
     void Alive();
     /// How often it wants to hear `Alive`, at least; empty when it does not care.
@@ -22,6 +23,7 @@ public:
 
 private:
     bool ready_ = false;
+    bool stopping_ = false;
 };
 
 }  // namespace kx::velmor::cli

@@ -206,6 +206,7 @@ void ServiceRun::EndWith(int status)
     {
         status_ = status;
     }
+    manager_.Stopping();
     if (!EndService(options_.grace))
     {
         Leave();

@@ -250,6 +250,7 @@ void ServiceRun::OnSignal(int signal)
                 return;
             }
             KX_LOG(LogLevel::Info, g_log) << "Ends the command and leaves the election";
+            manager_.Stopping();
             EndService(options_.grace);
             return;
         case SIGINT:

@@ -1,5 +1,5 @@
 # What `cmake --install` and the Debian packages hold: the library, shared and static, its headers, and how CMake and
-# pkg-config find them.
+# pkg-config find them; the program, and what goes with it.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -69,5 +69,37 @@ foreach(module ${modules})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${module}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endforeach()
+
+find_program(VELMOR_GZIP gzip)
+mark_as_advanced(VELMOR_GZIP)
+
+# velmor_compressed(<file> <name without .gz> <result>)
+#
+# As Debian wants documents: small, and the same at each build. Without gzip, as they are.
+function(velmor_compressed file name result)
+  set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+  set(copy ${PROJECT_BINARY_DIR}/${name})
+  if(VELMOR_GZIP)
+    string(APPEND copy .gz)
+    execute_process(COMMAND ${VELMOR_GZIP} -9nc ${file} OUTPUT_FILE ${copy} COMMAND_ERROR_IS_FATAL ANY)
+  else()
+    configure_file(${file} ${copy} COPYONLY)
+  endif()
+  set(${result} ${copy} PARENT_SCOPE)
+endfunction()
+
+if(TARGET velmor_program)
+  install(TARGETS velmor_program RUNTIME COMPONENT program)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/man/velmor.1)
+    velmor_compressed(${PROJECT_SOURCE_DIR}/packaging/man/velmor.1 velmor.1 manual)
+    install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+  endif()
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/velmor
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program OPTIONAL)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/_velmor
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT program OPTIONAL)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/velmor-example.service
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmor/examples COMPONENT program)
+endif()
 
 include(${PROJECT_SOURCE_DIR}/packaging/debian.cmake)

@@ -1,4 +1,4 @@
-# libvelmor0 and libvelmor-dev, by CPack.
+# libvelmor0, libvelmor-dev and velmor, the program, by CPack.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME velmor)
 set(CPACK_PACKAGE_VENDOR "Velmor")
@@ -35,18 +35,24 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
 next one ahead of time. This package holds headers, static libraries, and what
 CMake and pkg-config find them by.")
 
-# What every package has to say about itself.
-find_program(VELMOR_GZIP gzip)
-mark_as_advanced(VELMOR_GZIP)
-if(VELMOR_GZIP)
-  set(changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
-  execute_process(COMMAND ${VELMOR_GZIP} -9nc ${CMAKE_CURRENT_LIST_DIR}/changelog
-    OUTPUT_FILE ${changelog} COMMAND_ERROR_IS_FATAL ANY)
-  foreach(component runtime development)
-    string(TOUPPER ${component} upper)
-    install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${changelog}
-      DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME} COMPONENT ${component})
-  endforeach()
+if(TARGET velmor_program)
+  list(APPEND CPACK_COMPONENTS_ALL program)
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME velmor)
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION admin)
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PROGRAM_DESCRIPTION
+    "leader election over ZooKeeper for services and scripts
+Runs a command on one machine at a time, ends it before another one can begin,
+tells standbys ahead of time, and shows who leads and who is next. This package
+holds the program velmor.")
 endif()
+
+# What every package has to say about itself.
+velmor_compressed(${CMAKE_CURRENT_LIST_DIR}/changelog changelog.Debian changelog)
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER ${component} upper)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${changelog}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME} COMPONENT ${component})
+endforeach()
 
 include(CPack)

@@ -16,8 +16,9 @@ cpack --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log" || {
 
 runtime=("$work"/libvelmor0_*.deb)
 development=("$work"/libvelmor-dev_*.deb)
+program=("$work"/velmor_*.deb)
 packages=("$work"/*.deb)
-if ((${#packages[@]} != 2)) || ! [[ -f ${runtime[0]} && -f ${development[0]} ]]; then
+if ((${#packages[@]} != 3)) || ! [[ -f ${runtime[0]} && -f ${development[0]} && -f ${program[0]} ]]; then
     ls "$work" >&2
     exit 1
 fi
@@ -40,6 +41,15 @@ wants "${development[0]}" Depends "libvelmor0 \(= $version\)"
 wants "${development[0]}" Depends 'libzookeeper-mt-dev'
 wants "${development[0]}" Depends 'libspdlog-dev'
 wants "${development[0]}" Section '^libdevel$'
+for library in libzookeeper-mt2 libspdlog libsystemd0 libprometheus-cpp-core libcpp-httplib; do
+    wants "${program[0]}" Depends "(^|, )$library"
+done
+wants "${program[0]}" Section '^admin$'
+# It has the library in itself, and nothing that only the build needs.
+if [[ $(dpkg-deb --field "${program[0]}" Depends) =~ libvelmor|boost ]]; then
+    echo "velmor depends on $(dpkg-deb --field "${program[0]}" Depends)" >&2
+    exit 1
+fi
 
 for package in "${packages[@]}"; do
     dpkg-deb --extract "$package" "$work/$(basename "${package%%_*}")"
@@ -59,6 +69,11 @@ there "libvelmor-dev/usr/$libraries/pkgconfig/velmor.pc"
 there "libvelmor-dev/usr/$libraries/cmake/velmor/velmorConfig.cmake"
 there libvelmor-dev/usr/share/doc/libvelmor-dev/copyright
 there libvelmor-dev/usr/include/kx/velmor/candidate.h
+there velmor/usr/bin/velmor
+there velmor/usr/share/doc/velmor/examples/velmor-example.service
+there velmor/usr/share/doc/velmor/copyright
+there velmor/usr/share/doc/velmor/changelog.Debian.gz
+"$work/velmor/usr/bin/velmor" --version
 if find "$work/libvelmor0" -name '*.h' -o -name '*.a' -o -name '*.so' | grep .; then
     echo "what only compilers need is in the package that programs need" >&2
     exit 1

@@ -14,4 +14,10 @@ if grep -rIl -e "$1" -e "$work/prefix" "$work/moved"; then
     echo "these files name places that only this machine has" >&2
     exit 1
 fi
+
+# The program runs where it is, by itself. A build may be without it.
+if [[ -e $work/moved/bin/velmor && $("$work/moved/bin/velmor" --version) != "velmor "* ]]; then
+    echo "the program says: $("$work/moved/bin/velmor" --version)" >&2
+    exit 1
+fi
 "$here/program.sh" "$work/moved" "$work/moved/$2" "$work/program" "$4"

@@ -182,7 +182,7 @@ Settings CommonOptions::Complete(const Defaults& defaults) const
 void CommonOptions::StartLog(const Defaults& defaults) const
 {
     const auto level = logLevel_.empty() ? std::nullopt : logging::ParseLogLevel(logLevel_);
-    SetUpLog(level, defaults.logLevel, logFormat_ == "json" ? LogFormat::Json : LogFormat::Text);
+    SetUpLog(level, defaults.logLevel, LogsJson() ? LogFormat::Json : LogFormat::Text);
 }
 
 std::string ReadDigest(const std::string& file)

@@ -24,6 +24,8 @@ public:
     /// Sets up the log.
     void StartLog(const Defaults& defaults) const;
 
+    bool LogsJson() const { return logFormat_ == "json"; }
+
     /// May be empty.
     const std::string& ConfigurationFile() const { return configurationFile_; }
 

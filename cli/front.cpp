@@ -3,14 +3,17 @@
 #include "cli/config_file.h"
 #include "cli/exit_status.h"
 #include "cli/help.h"
+#include "cli/log_setup.h"
 #include "cli/option_values.h"
 
 #include <kx/velmor/error.h>
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 #include <zookeeper/zookeeper.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ostream>
 #include <utility>
 
@@ -132,6 +135,7 @@ int Front::Serve(std::vector<std::string> arguments)
         settings.command.assign(command.begin() + 1, command.end());
     }
     common_.StartLog(chosen->defaults);
+    logging_ = true;
     return chosen->run(settings);
 }
 
@@ -327,6 +331,18 @@ std::string Front::Name() const
 
 int Front::Fail(int status, const std::string& message) const
 {
+    if (logging_ && common_.LogsJson())
+    {
+        logging::Record record{};
+        record.level = logging::LogLevel::Error;
+        record.source = "velmor";
+        record.file = "";
+        record.threadId = static_cast<std::size_t>(gettid());
+        record.time = std::chrono::system_clock::now();
+        record.text = message;
+        err_ << ToJson(record) << std::endl;
+        return status;
+    }
     err_ << Name() << ": " << message << '\n';
     if (status == kUsage)
     {

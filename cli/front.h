@@ -66,6 +66,8 @@ private:
     CommonOptions common_;
     std::vector<Subcommand> subcommands_;
     std::vector<Rule> rules_;
+    /// From then on everything on standard error is in the format of the log.
+    bool logging_ = false;
 };
 
 }  // namespace kx::velmor::cli

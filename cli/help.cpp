@@ -37,6 +37,32 @@ std::string Row(const std::string& name, const std::string& text)
     return left + right.substr(left.size());
 }
 
+/// Lines that begin with a blank as they are, those between them and between empty lines put together and wrapped.
+std::string Filled(const std::string& text)
+{
+    std::string filled;
+    std::string paragraph;
+    const auto endParagraph = [&] {
+        if (!paragraph.empty())
+        {
+            filled += Wrapped(std::exchange(paragraph, ""), 0);
+        }
+    };
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+    {
+        if (!line.empty() && line.front() != ' ')
+        {
+            paragraph += line + " ";
+            continue;
+        }
+        endParagraph();
+        filled += line + "\n";
+    }
+    endParagraph();
+    return filled;
+}
+
 }  // namespace
 
 std::string Wrapped(const std::string& text, std::size_t indent)
@@ -116,12 +142,12 @@ std::string HelpFormatter::make_help(const CLI::App* application, std::string na
         text += Groups(*parent, nullptr);
     }
     text += "\n" + Wrapped(
-                       "Every option that takes a value, and every switch, has an environment variable as well, "
-                       "VELMOR_SESSION_TIMEOUT for --session-timeout, and a key in configuration files; the "
-                       "command line goes before the environment, and that before the files.",
+                       "Each option is an environment variable as well, VELMOR_SESSION_TIMEOUT for --session-timeout, "
+                       "and a key in configuration files. The command line goes before the environment, the "
+                       "environment before files.",
                        0);
     const std::string footer = application->get_footer();
-    return footer.empty() ? text : text + "\n" + footer + (footer.back() == '\n' ? "" : "\n");
+    return footer.empty() ? text : text + "\n" + Filled(footer);
 }
 
 }  // namespace kx::velmor::cli

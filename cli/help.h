@@ -9,7 +9,7 @@
 namespace kx::velmor::cli {
 
 /// What `--help` prints, no line longer than 80 characters: usage, description, options by groups, those of the program
-/// below those of the subcommand, and the footer as it is.
+/// below those of the subcommand, and the footer: its paragraphs wrapped, its indented lines as they are.
 class HelpFormatter : public CLI::Formatter
 {
 public:

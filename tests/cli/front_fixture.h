@@ -121,7 +121,9 @@ private:
         app->add_option("--needed", probe_.needed, "What")->required(neededIsRequired_)->type_name("THING");
         CLI::Option* const apart = app->add_option("--apart", probe_.apart, "What else");
         app->add_flag("--with-quick", "Of use with --quick")->needs(quick)->excludes(apart);
-        app->footer("Examples:\n  velmor probe");
+        app->footer(
+            "Words that are put together\nin lines of their own, as long as they may be, and no\nlonger.\n\n"
+            "Examples:\n  velmor   probe");
         front.Add(Subcommand{app, [this](const Settings& settings) { return Note("probe", settings); }, defaults_});
     }
 

@@ -7,6 +7,7 @@
 #include <kx/velmor/error.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 #include <zookeeper/zookeeper.h>
 
 #include <stdexcept>
@@ -142,6 +143,19 @@ TEST_F(FrontTest, WhatTheSubcommandThrowsBecomesAMessageAndAStatus)
     }
 }
 
+TEST_F(FrontTest, WithALogInJsonTheMessageAtTheEndIsAnObjectToo)
+{
+    body_ = []() -> int { throw Failure(kUnavailable, "no \"server\"\nanswered"); };
+    EXPECT_EQ(RunProbe({"--log-format", "json", "--log-level", "off"}), kUnavailable);
+    const nlohmann::json object = nlohmann::json::parse(Err());
+    EXPECT_EQ(object.at("level"), "error");
+    EXPECT_EQ(object.at("text"), "no \"server\"\nanswered");
+    EXPECT_EQ(Err().find('\n'), Err().size() - 1);
+    // Before the log is set up there is no such format yet.
+    EXPECT_EQ(RunProbe({"--log-format", "json", "--grace", "x"}), kUsage);
+    EXPECT_THAT(Err(), StartsWith("velmor probe: --grace: "));
+}
+
 TEST_F(FrontTest, HelpAndVersionGoToStandardOutputWhateverElseIsMissing)
 {
     Write(SystemFile(), "nonsense = 1\n");
@@ -171,7 +185,8 @@ TEST_F(FrontTest, HelpOfASubcommandHasItsOptionsAndTheCommonOnes)
     EXPECT_THAT(Out(), HasSubstr("\n  --quick                 Whether at once\n"));
     EXPECT_THAT(Out(), HasSubstr("\n  --servers HOST:PORT,...\n"));
     EXPECT_THAT(Out(), HasSubstr("\n  -h,--help "));
-    EXPECT_THAT(Out(), testing::EndsWith("\nExamples:\n  velmor probe\n"));
+    EXPECT_THAT(Out(), testing::EndsWith("\n\nWords that are put together in lines of their own, as long as they may "
+                                         "be, and\nno longer.\n\nExamples:\n  velmor   probe\n"));
     EXPECT_THAT(Lines(Out()), Each(SizeIs(testing::Le(80U))));
 }
 

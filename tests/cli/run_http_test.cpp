@@ -20,14 +20,16 @@ using ::testing::IsEmpty;
 class RunHttp : public ProgramFixture
 {
 protected:
-    /// The endpoint that the program says it serves.
-    static httplib::Client Client(RunningProgram& program)
+    /// Where the program says it serves.
+    static int Port(RunningProgram& program)
     {
         const std::string words = "Serving HTTP on 127.0.0.1:";
         program.AwaitErrors(words);
         const std::string errors = program.Errors();
-        return httplib::Client("127.0.0.1", std::stoi(errors.substr(errors.find(words) + words.size())));
+        return std::stoi(errors.substr(errors.find(words) + words.size()));
     }
+
+    static httplib::Client Client(RunningProgram& program) { return httplib::Client("127.0.0.1", Port(program)); }
 
     static int Status(httplib::Client& client, const std::string& path)
     {
@@ -168,7 +170,7 @@ TEST_F(RunHttp, DoesNotSayThatItLeadsWhenItsConnectionHasFallenSilent)
 TEST_F(RunHttp, RefusesAPortThatIsTaken)
 {
     RunningProgram& first = Join({"--http", "0"}, Service());
-    const std::string address = "127.0.0.1:" + std::to_string(Client(first).port());
+    const std::string address = "127.0.0.1:" + std::to_string(Port(first));
     RunningProgram& second = Run({"--http", address}, Service());
     EXPECT_EQ(second.AwaitExit(), 64);
     EXPECT_THAT(second.Errors(), HasSubstr(address));
@@ -180,7 +182,7 @@ TEST_F(RunHttp, EndsWithAClientThatSaysNothing)
 {
     RunningProgram& program = Join({"--http", "0"}, Service());
     AwaitRecord("start");
-    const int port = Client(program).port();
+    const int port = Port(program);
     // Connected, and as silent as a scanner of ports.
     std::vector<std::string> quiet{"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) + "; sleep 60"};
     testing_support::ChildProcess client({quiet, Directory() / "client", {}});

@@ -25,7 +25,7 @@ using ::testing::SizeIs;
 
 // What the sanitizers leave of two processors is not enough for as much in the same time.
 constexpr int kFaults = VELMOR_SANITIZED ? 40 : 100;
-constexpr std::size_t kLeastTenures = VELMOR_SANITIZED ? 10 : 25;
+constexpr std::size_t kLeastTenures = VELMOR_SANITIZED ? 6 : 15;
 constexpr milliseconds kSession{VELMOR_SANITIZED ? 2'000 : 1'500};
 constexpr unsigned kSeed = 7;
 
@@ -255,7 +255,7 @@ TEST_F(RunChaos, NeverRunsTwoCommandsAtTheSameTime)
     for (int i = 0; i < kFaults; ++i)
     {
         Fault();
-        Pass(milliseconds(Draw(50, 700)));
+        Pass(milliseconds(Draw(50, 600)));
         ReplaceIdle();
     }
     PassAll();

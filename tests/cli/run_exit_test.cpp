@@ -30,15 +30,16 @@ protected:
         return file;
     }
 
-    /// A node that everybody may read, and nobody change.
-    void MakeReadOnly(const std::string& path) const
+    /// Makes a node in which not everybody may make others.
+    void Make(const std::string& path, const AccessRule& rule, const std::string& credentials = {}) const
     {
         SessionOptions options;
         options.servers = server_.Address();
-        options.accessList = {{ZOO_PERM_READ, "world", "anyone"}};
-        std::string created;
-        ASSERT_EQ(Session::Open(options)->Create(path, "", ZOO_OPEN_ACL_UNSAFE, 0, &created), ZOK);
+        options.digestCredentials = credentials;
+        options.accessList = {rule};
+        ASSERT_EQ(Session::Open(options)->Create(path, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr), ZOK);
     }
+    void MakeReadOnly(const std::string& path) const { Make(path, {ZOO_PERM_READ, "world", "anyone"}); }
 };
 
 TEST_F(RunExit, EndsWithZeroWhenTheCommandDoes)
@@ -165,12 +166,7 @@ TEST_F(RunExit, IsNotPermittedToJoinAndDoesNotTryAgain)
 
 TEST_F(RunExit, JoinsWithItsCredentialsAndNotWithoutThem)
 {
-    SessionOptions options;
-    options.servers = server_.Address();
-    options.digestCredentials = "billing:secret";
-    options.accessList = {{ZOO_PERM_ALL, "auth", ""}};
-    std::string created;
-    ASSERT_EQ(Session::Open(options)->Create("/own", "", ZOO_OPEN_ACL_UNSAFE, 0, &created), ZOK);
+    Make("/own", {ZOO_PERM_ALL, "auth", ""}, "billing:secret");
     const std::filesystem::path file = Write("digest", "billing:secret\n");
     RunningProgram& known = Run({"--root", "/own", "--digest-file", file}, Service({"after=0", "status=5"}));
     EXPECT_EQ(known.AwaitExit(), 5);

@@ -87,8 +87,7 @@ TEST_F(RunFaults, JoinsAgainWhenItGoesOnAfterItWasFrozen)
     RunningProgram& second = Join(kShort, Service());
     first.Pause();
     AwaitSuccessor(1);
-    // What was asked to end could do so in order.
-    EXPECT_THAT(Records("end"), SizeIs(1));
+    EXPECT_THAT(Records("signal", "15"), SizeIs(1));
     first.Continue();
     AwaitQueue(2);
     EXPECT_TRUE(first.Running());
@@ -141,7 +140,8 @@ TEST_F(RunFaults, RunsOnThroughACutThatIsShort)
 TEST_F(RunFaults, EndsTheCommandInTimeWhenItsConnectionIsCutForLong)
 {
     Proxy proxy(server_.Address());
-    RunningProgram& first = RunBehind(proxy, kShort, Service({"linger=100"}));
+    // Between the end of the lease and the killing there is a twenty-fourth of the session timeout.
+    RunningProgram& first = RunBehind(proxy, {"--session-timeout", "5s"}, Service());
     AwaitRecord("start");
     RunningProgram& second = Join(kShort, Service());
     proxy.Refuse();
@@ -176,10 +176,10 @@ TEST_F(RunFaults, JoinsAgainWhenItsConnectionComesBack)
 {
     Proxy proxy(server_.Address());
     RunningProgram& program = RunBehind(proxy, Short({"--restart", "on-failure"}), Service());
-    AwaitRecord("start");
+    const Record start = AwaitRecord("start");
     proxy.Refuse();
     proxy.Cut();
-    AwaitRecord("end");
+    AwaitGone(start.process);
     AwaitQueue(0);
     proxy.Accept();
     AwaitRecord("start", 2);
@@ -193,7 +193,7 @@ TEST_F(RunFaults, EndsTheCommandWhenTheServerIsGoneForLong)
     AwaitRecord("start");
     server_.Kill();
     EXPECT_EQ(program.AwaitExit(), 76);
-    EXPECT_THAT(Records("end"), SizeIs(1));
+    EXPECT_THAT(Records("signal", "15"), SizeIs(1));
 }
 
 TEST_F(RunFaults, RunsOnWhenTheServerIsRestarted)

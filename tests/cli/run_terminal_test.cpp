@@ -121,7 +121,7 @@ protected:
     /// Types it, and the question for the status after it.
     void Run(const std::string& options, const std::vector<std::string>& service = {})
     {
-        terminal_.Type(Typed(options, service) + "; echo status=$?\n");
+        terminal_.Type(Typed(options, service) + "; echo ended=$?\n");
     }
 
     Terminal terminal_;
@@ -133,7 +133,7 @@ TEST_F(RunTerminal, EndsWithTheCommandOnControlC)
     Run("");
     AwaitRecord("start");
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=130");
+    terminal_.AwaitShows("ended=130");
     EXPECT_THAT(Records("signal", "2"), SizeIs(1));
     EXPECT_THAT(Queue(), IsEmpty());
 }
@@ -143,7 +143,7 @@ TEST_F(RunTerminal, EndsWithTheCommandOnControlCWhateverIsToBeRestarted)
     Run("--restart always");
     AwaitRecord("start");
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=130");
+    terminal_.AwaitShows("ended=130");
     EXPECT_THAT(Records("start"), SizeIs(1));
 }
 
@@ -152,7 +152,7 @@ TEST_F(RunTerminal, LeavesACommandToEndInItsOwnWayOnControlC)
     Run("", {"linger=300", "status=12"});
     AwaitRecord("start");
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=12");
+    terminal_.AwaitShows("ended=12");
     EXPECT_THAT(Records("end"), SizeIs(1));
 }
 
@@ -161,7 +161,7 @@ TEST_F(RunTerminal, EndsWithTheCommandOnControlBackslash)
     Run("");
     AwaitRecord("start");
     terminal_.Type(kControlBackslash);
-    terminal_.AwaitShows("status=131");
+    terminal_.AwaitShows("ended=131");
 }
 
 TEST_F(RunTerminal, EndsOnControlCWhileItWaitsForItsTurn)
@@ -171,7 +171,7 @@ TEST_F(RunTerminal, EndsOnControlCWhileItWaitsForItsTurn)
     Run("");
     AwaitQueue(2);
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=130");
+    terminal_.AwaitShows("ended=130");
     EXPECT_THAT(Queue(), SizeIs(1));
     leader.Signal(SIGTERM);
     EXPECT_EQ(leader.AwaitExit(), 0);
@@ -185,13 +185,13 @@ TEST_F(RunTerminal, LetsTheCommandReadWhatIsTyped)
     AwaitRecord("input", 1, "what was typed");
     terminal_.AwaitShows("heard what was typed");
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=130");
+    terminal_.AwaitShows("ended=130");
 }
 
 TEST_F(RunTerminal, GivesTheTerminalBackWhenTheCommandHasEnded)
 {
     Run("", {"after=100", "status=7"});
-    terminal_.AwaitShows("status=7");
+    terminal_.AwaitShows("ended=7");
     terminal_.Type("read line; echo \"read<$line>\"\n");
     terminal_.Type("typed afterwards\n");
     terminal_.AwaitShows("read<typed afterwards>");
@@ -204,7 +204,7 @@ TEST_F(RunTerminal, KeepsTheTerminalForTheCommandThatRunsAgain)
     terminal_.Type("to the second one\n");
     AwaitRecord("input", 1, "to the second one");
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=130");
+    terminal_.AwaitShows("ended=130");
 }
 
 TEST_F(RunTerminal, RunsOnThroughControlZ)
@@ -214,7 +214,7 @@ TEST_F(RunTerminal, RunsOnThroughControlZ)
     terminal_.Type(kControlZ);
     AwaitBeat(start.process);
     terminal_.Type(kControlC);
-    terminal_.AwaitShows("status=130");
+    terminal_.AwaitShows("ended=130");
 }
 
 TEST_F(RunTerminal, LeavesTheTerminalAloneInTheBackground)
@@ -224,8 +224,8 @@ TEST_F(RunTerminal, LeavesTheTerminalAloneInTheBackground)
     terminal_.Type("echo still$((1 + 1))\n");
     terminal_.AwaitShows("still2");
     AwaitBeat(start.process);
-    terminal_.Type("kill %1; wait %1; echo status=$?\n");
-    terminal_.AwaitShows("status=0");
+    terminal_.Type("kill %1; wait %1; echo ended=$?\n");
+    terminal_.AwaitShows("ended=0");
     EXPECT_THAT(Queue(), IsEmpty());
 }
 
@@ -238,7 +238,7 @@ TEST_F(RunTerminal, TakesTheCommandWithItWhenTheTerminalsProgramIsKilled)
     const std::string status = ReadFile("/proc/" + std::to_string(warden) + "/stat");
     const pid_t program = static_cast<pid_t>(std::stol(status.substr(status.rfind(')') + 4)));
     ASSERT_EQ(::kill(program, SIGKILL), 0);
-    terminal_.AwaitShows("status=137");
+    terminal_.AwaitShows("ended=137");
     AwaitGone(start.process);
     terminal_.Type("echo still$((1 + 1))\n");
     terminal_.AwaitShows("still2");

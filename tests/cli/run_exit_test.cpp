@@ -168,6 +168,7 @@ TEST_F(RunExit, JoinsWithItsCredentialsAndNotWithoutThem)
 {
     Make("/own", {ZOO_PERM_ALL, "auth", ""}, "billing:secret");
     const std::filesystem::path file = Write("digest", "billing:secret\n");
+    std::filesystem::permissions(file, std::filesystem::perms::owner_read);
     RunningProgram& known = Run({"--root", "/own", "--digest-file", file}, Service({"after=0", "status=5"}));
     EXPECT_EQ(known.AwaitExit(), 5);
     EXPECT_THAT(known.Errors(), ::testing::Not(HasSubstr("secret")));

@@ -86,6 +86,7 @@ TEST_F(RunHttp, AnswersWhoLeadsAndWhoIsNext)
 
     EndInOrder(first);
     AwaitStatus(two, "/leader", 200);
+    AwaitRecord("start", 2);
     EXPECT_EQ(Status(two, "/next"), 503);
     EXPECT_EQ(Status(one, "/leader"), 0);
     EndInOrder(second);
@@ -164,12 +165,14 @@ TEST_F(RunHttp, DoesNotSayThatItLeadsWhenItsConnectionHasFallenSilent)
     EXPECT_EQ(Status(client, "/metrics"), 200);
     proxy.Heal();
     AwaitStatus(client, "/leader", 200);
+    AwaitRecord("start", 2);
     EndInOrder(program);
 }
 
 TEST_F(RunHttp, RefusesAPortThatIsTaken)
 {
     RunningProgram& first = Join({"--http", "0"}, Service());
+    AwaitRecord("start");
     const std::string address = "127.0.0.1:" + std::to_string(Port(first));
     RunningProgram& second = Run({"--http", address}, Service());
     EXPECT_EQ(second.AwaitExit(), 64);

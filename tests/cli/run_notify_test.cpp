@@ -143,6 +143,7 @@ TEST_F(RunNotify, ShowsThatItLivesWhenAsked)
 {
     RunningProgram& program = Join({}, Service(), Managed({{"WATCHDOG_USEC", "200000"}, {"WATCHDOG_PID", "$$"}}));
     manager_.AwaitHears("WATCHDOG=1", 5);
+    AwaitRecord("start");
     EndInOrder(program);
 }
 

@@ -1,5 +1,5 @@
 # How tests and what they stand on are compiled: many large translation units, so what counts is the compiler's time.
-option(VELMOR_PRECOMPILE_TESTS "Precompile the headers that most tests include" ON)
+option(VELMOR_PRECOMPILE_TESTS "Precompile the headers that most tests, and most of the program, include" ON)
 
 # velmor_compile_quickly()
 #
@@ -11,6 +11,18 @@ macro(velmor_compile_quickly)
     add_compile_options(-g1)
   endif()
 endmacro()
+
+# velmor_precompile_header(<target> <header>)
+#
+# Precompiles a header for a target. With ccache in mind, which looks into it only so.
+function(velmor_precompile_header target header)
+  target_precompile_headers(${target} PRIVATE ${header})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE -fpch-preprocess)
+  else()
+    target_compile_options(${target} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
+  endif()
+endfunction()
 
 # velmor_precompile(<target>)
 #

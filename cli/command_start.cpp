@@ -151,6 +151,7 @@ StartResult StartCommand(const Launch& launch, const StartSurroundings& surround
     std::vector<char*> environment = PointersTo(texts);
     const pid_t warden = ::getpid();
     std::error_code error;
+    errno = 0;
     bp::child child(
         bp::exe = program, bp::args = arguments, error,
         bp::extend::on_setup = [&](auto& executor) { executor.env = environment.data(); },
@@ -163,11 +164,16 @@ StartResult StartCommand(const Launch& launch, const StartSurroundings& surround
                     ::waitpid(executor.pid, nullptr, 0);
                 }
             });
+    const pid_t pid = child.id();
+    if (!error && pid <= 0)
+    {
+        // Boost.Process says nothing when it cannot make the pipe through which it would learn more.
+        error.assign(errno != 0 ? errno : EAGAIN, std::generic_category());
+    }
     if (error)
     {
         return {0, error.value(), "cannot run " + program + ": " + error.message()};
     }
-    const pid_t pid = child.id();
     // Whoever started this waits for it.
     child.detach();
     return {pid, 0, {}};

@@ -119,12 +119,20 @@ bool SignalProcess(const ProcessEntry& process, int signal)
 {
     // By number: the C library's own declarations of these two are not made for C++.
     const OwnedDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process.pid, 0)));
-    const std::optional<ProcessEntry> now = ReadEntry(process.pid);
-    if (!handle || !now || now->startTime != process.startTime)
+    const bool open = static_cast<bool>(handle);
+    if (!open && errno == ESRCH)
     {
         return true;
     }
-    return ::syscall(SYS_pidfd_send_signal, handle.Get(), signal, nullptr, 0) == 0 || errno != EPERM;
+    const std::optional<ProcessEntry> now = ReadEntry(process.pid);
+    if (!now || now->startTime != process.startTime)
+    {
+        return true;
+    }
+    // Out of descriptors, or on a kernel without these handles, the look just taken has to do.
+    const auto sent = open ? ::syscall(SYS_pidfd_send_signal, handle.Get(), signal, nullptr, 0)
+                           : static_cast<long>(::kill(process.pid, signal));
+    return sent == 0 || errno != EPERM;
 }
 
 }  // namespace kx::velmor::cli

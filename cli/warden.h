@@ -29,7 +29,7 @@ struct Launch
     std::string name{};
     /// The program, a path or a name found in PATH, and its arguments.
     std::vector<std::string> command;
-    /// Added to this process's environment, or put in place of what it has.
+    /// Added to the environment that this process had when the warden was made, or put in place of what that has.
     std::map<std::string, std::string> environment{};
     /// Take out of the environment.
     std::vector<std::string> hidden{};
@@ -84,9 +84,18 @@ struct WardenReport
 /// It shares nothing with this process but the descriptors of the start, has a process group of its own, minds no
 /// signal, and ends when this process has ended or this object is destroyed, after it has killed what is left.
 ///
-/// Each command leads a process group of its own. It gets the standard input of this process; when that is a terminal
-/// in whose foreground this process is, the service's group is brought to the foreground for as long as it runs, and
-/// is not suspended by the terminal: Ctrl-Z is undone.
+/// Each command leads a process group of its own, and has no descriptors but the standard streams and the one for
+/// roles. The service gets the standard input of this process, a hook an empty one; when it is a terminal in whose
+/// foreground this process is, the service's group is brought to the foreground for as long as it runs, and is not
+/// suspended by the terminal: Ctrl-Z is undone. What this process ignores, as under nohup, stays ignored, SIGPIPE and
+/// SIGCHLD excepted.
+///
+/// What a command has started belongs to it also when it has left the command's session, or its parents have ended.
+/// Somebody who has done both, and left the group, counts as the service's while there is one, also when a hook has
+/// started it.
+///
+/// While there is a warden this process has no other children than it had before: when somebody has killed the warden,
+/// all others are taken for what it had started, and killed.
 ///
 /// Threads: one at a time. Nothing blocks, except the destructor; a warden that is hundreds of orders behind is given a
 /// second, and is killed when it takes none then.

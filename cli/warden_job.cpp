@@ -100,15 +100,14 @@ void WardenJob::TreatMembers(const std::vector<ProcessEntry>& members, Time now)
     }
 }
 
-WardenJob::Time WardenJob::NextDue(const SharedLease::Times& lease, Time now) const noexcept
+WardenJob::Time WardenJob::NextDue(const SharedLease::Times& lease, Time done) const noexcept
 {
     Time due = killAt_;
     if (IsService())
     {
         for (const Time time : {lease.end, lease.killAt})
         {
-            // What is past has been minded.
-            due = time > now ? std::min(due, time) : due;
+            due = time > done ? std::min(due, time) : due;
         }
     }
     return due;

@@ -49,8 +49,8 @@ public:
     bool WantsMembers(Time now) const noexcept { return !runs_ || now >= killAt_; }
     /// `members` is who is left, as far as is known.
     void TreatMembers(const std::vector<ProcessEntry>& members, Time now);
-    /// When the next of these is due; `max` for never.
-    Time NextDue(const SharedLease::Times& lease, Time now) const noexcept;
+    /// When there is something to do next, after what was due at `done` has been done; `max` for never.
+    Time NextDue(const SharedLease::Times& lease, Time done) const noexcept;
 
 private:
     void SignalAll(const std::vector<ProcessEntry>& members, int signal);

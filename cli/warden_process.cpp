@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <chrono>
 #include <iterator>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -104,6 +105,11 @@ WardenProcess::WardenProcess(OwnedDescriptor socket, SharedLease& lease, pid_t o
 
 WardenProcess::~WardenProcess()
 {
+    // Whatever there is to be seen of others.
+    for (const std::unique_ptr<WardenJob>& job : jobs_)
+    {
+        job->Signal(SIGKILL, true);
+    }
     while (HasChildren())
     {
         for (const ProcessEntry& process : Descendants(::getpid()))
@@ -216,6 +222,10 @@ void WardenProcess::Start(const Launch& launch)
         {
             NotStarted(launch, error.code().value(), error.what());
         }
+        catch (const std::bad_alloc& error)
+        {
+            NotStarted(launch, ENOMEM, error.what());
+        }
     }
 }
 
@@ -282,6 +292,7 @@ void WardenProcess::Stopped(const WardenJob& job, int signal) const
 void WardenProcess::Advance()
 {
     const Time now = BootClock::now();
+    advancedAt_ = now;
     lookAgain_ = false;
     if (WardenJob* const service = Service())
     {
@@ -351,13 +362,12 @@ const WardenJob& WardenProcess::JobOf(const ProcessEntry& process, const std::ve
 
 void WardenProcess::Wait()
 {
-    const Time now = BootClock::now();
     constexpr std::chrono::milliseconds kLookAgain{5};
-    Time due = lookAgain_ ? now + kLookAgain : Time::max();
+    Time due = lookAgain_ ? advancedAt_ + kLookAgain : Time::max();
     std::vector<pollfd> awaited{{socket_.Get(), POLLIN, 0}, {children_.Get(), POLLIN, 0}, {timer_.Get(), POLLIN, 0}};
     for (const std::unique_ptr<WardenJob>& job : jobs_)
     {
-        due = std::min(due, job->NextDue(lease_.Read(), now));
+        due = std::min(due, job->NextDue(lease_.Read(), advancedAt_));
         if (job->Teller() != nullptr && job->Teller()->Awaited())
         {
             awaited.push_back({*job->Teller()->Awaited(), POLLOUT, 0});

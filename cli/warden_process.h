@@ -63,6 +63,8 @@ private:
     /// Oldest first.
     std::vector<std::unique_ptr<WardenJob>> jobs_;
     bool ownerIsGone_ = false;
+    /// What was due then has been done.
+    Time advancedAt_{};
     /// Who is left was not seen, and may not be noticed when they end.
     bool lookAgain_ = false;
 };

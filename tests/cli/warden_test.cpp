@@ -1,6 +1,7 @@
 #include "tests/cli/warden_fixture.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -128,6 +129,20 @@ TEST_F(WardenTest, PassesNoDescriptorsButTheStandardStreams)
     Launch launch;
     launch.command = {"sleep", "1000"};
     EXPECT_EQ(DescriptorsOf(Start(launch)), (std::set<std::string>{"0", "1", "2"}));
+}
+
+TEST_F(WardenTest, PassesNoDescriptorThatItsOwnerHasOpen)
+{
+    const int open = ::dup(STDERR_FILENO);
+    ASSERT_GE(open, 0);
+    Warden own;
+    Launch launch;
+    launch.command = {"sleep", "1000"};
+    own.Start(launch);
+    std::optional<WardenReport> report;
+    testing_support::Await("it runs", [&] { return (report = own.Receive()).has_value(); });
+    EXPECT_EQ(DescriptorsOf(report->pid), (std::set<std::string>{"0", "1", "2"}));
+    ::close(open);
 }
 
 TEST_F(WardenTest, PassesADescriptorForRoles)
@@ -333,6 +348,49 @@ TEST_F(WardenTest, EndsTheCommandAndNotAHook)
     warden_.End(1000s);
     Await(What::Ended);
     EXPECT_TRUE(IsAlive(pid));
+}
+
+TEST_F(WardenTest, SomebodyOfUnknownOriginIsTheServicesWhoeverStartedIt)
+{
+    StartShell(kForever);
+    Launch hook = Shell(
+        "setsid sh -c 'echo $$ > $DIR/stray; exec sleep 1000' & "
+        "while ! [ -s $DIR/stray ]; do sleep 0.01; done; exit 0");
+    hook.kind = Launch::Kind::Hook;
+    Start(hook);
+    Await(What::HookEnded);
+    const pid_t stray = AwaitPid("stray");
+    EXPECT_TRUE(IsAlive(stray));
+    warden_.End(kPatience);
+    Await(What::Ended);
+    EXPECT_FALSE(IsAlive(stray));
+}
+
+TEST_F(WardenTest, LeavesACommandStoppedThatSomebodyHasStopped)
+{
+    const pid_t pid = StartShell(kForever);
+    ASSERT_EQ(::kill(pid, SIGSTOP), 0);
+    // When this has ended, the other's stop has been seen.
+    Launch hook = Shell("exit 0");
+    hook.kind = Launch::Kind::Hook;
+    Start(hook);
+    Await(What::HookEnded);
+    const std::string status = ReadText("/proc/" + std::to_string(pid) + "/status");
+    EXPECT_NE(status.find("State:\tT"), std::string::npos) << status;
+}
+
+TEST_F(WardenTest, GoesOnWhenThereAreNoDescriptorsToStartACommandWith)
+{
+    rlimit before{};
+    constexpr rlim_t kNoneToSpare = 7;
+    ASSERT_EQ(::prlimit(warden_.Pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit few{kNoneToSpare, before.rlim_max};
+    ASSERT_EQ(::prlimit(warden_.Pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    warden_.Start(Shell("exit 0"));
+    EXPECT_EQ(Await(What::NotLaunched).code, EMFILE);
+    ASSERT_EQ(::prlimit(warden_.Pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    StartShell("exit 5");
+    EXPECT_EQ(WEXITSTATUS(Await(What::Ended).waitStatus), 5);
 }
 
 TEST(WardenEndTest, DestroyingItEndsEverything)

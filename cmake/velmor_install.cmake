@@ -90,14 +90,12 @@ endfunction()
 
 if(TARGET velmor_program)
   install(TARGETS velmor_program RUNTIME COMPONENT program)
-  if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/man/velmor.1)
-    velmor_compressed(${PROJECT_SOURCE_DIR}/packaging/man/velmor.1 velmor.1 manual)
-    install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-  endif()
-  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/velmor
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program OPTIONAL)
+  velmor_compressed(${PROJECT_SOURCE_DIR}/packaging/man/velmor.1 velmor.1 manual)
+  install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/velmor.bash RENAME velmor
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/_velmor
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT program OPTIONAL)
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/velmor-example.service
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmor/examples COMPONENT program)
 endif()

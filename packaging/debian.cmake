@@ -40,9 +40,8 @@ if(TARGET velmor_program)
   set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME velmor)
   set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION admin)
   set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
-  set(CPACK_DEBIAN_PROGRAM_DESCRIPTION
-    "leader election over ZooKeeper for services and scripts
-Runs a command on one machine at a time, ends it before another one can begin,
+  set(CPACK_COMPONENT_PROGRAM_DESCRIPTION
+    "Runs a command on one machine at a time, ends it before another one can begin,
 tells standbys ahead of time, and shows who leads and who is next. This package
 holds the program velmor.")
 endif()

@@ -234,8 +234,9 @@ std::string StagedElection::Oddity() const
             continue;
         }
         ++present;
-        const auto place = std::find_if(queue.begin(), queue.end(),
-                                        [&](const Participant& participant) { return participant.node == entry.node; });
+        const auto place =
+            std::find_if(queue.begin(), queue.end(),
+                         [&node = entry.node](const Participant& participant) { return participant.node == node; });
         if (place == queue.end())
         {
             return name + " is not in the queue";
@@ -261,9 +262,10 @@ bool StagedElection::Gone(const std::string& path) const
 {
     std::vector<std::string> children;
     const int rc = session_->GetChildren(path, children);
+    const std::string parent = path + "/";
     for (const std::string& child : children)
     {
-        session_->GuaranteedDelete(path + "/" + child);
+        session_->GuaranteedDelete(parent + child);
     }
     if (rc == ZOK)
     {

@@ -70,6 +70,9 @@ there "libvelmor-dev/usr/$libraries/cmake/velmor/velmorConfig.cmake"
 there libvelmor-dev/usr/share/doc/libvelmor-dev/copyright
 there libvelmor-dev/usr/include/kx/velmor/candidate.h
 there velmor/usr/bin/velmor
+there velmor/usr/share/man/man1/velmor.1.gz
+there velmor/usr/share/bash-completion/completions/velmor
+there velmor/usr/share/zsh/vendor-completions/_velmor
 there velmor/usr/share/doc/velmor/examples/velmor-example.service
 there velmor/usr/share/doc/velmor/copyright
 there velmor/usr/share/doc/velmor/changelog.Debian.gz

@@ -53,7 +53,7 @@ std::string CheckServers(const std::string& servers)
     for (std::size_t begin = 0; begin <= servers.size();)
     {
         const std::size_t end = std::min(servers.find(',', begin), servers.size());
-        const std::string reason = CheckServer(servers.substr(begin, end - begin));
+        std::string reason = CheckServer(servers.substr(begin, end - begin));
         if (!reason.empty())
         {
             return reason;

@@ -52,6 +52,9 @@ private:
     bool wasPending_;
 };
 
+/// Needs no destruction, and so serves destructors of static objects, too.
+std::mutex g_oneLineAtATime;
+
 std::string LevelName(LogLevel level)
 {
     if (level >= LogLevel::Error)
@@ -90,10 +93,8 @@ bool EnvironmentSetsLevel()
 
 void WriteLine(int descriptor, const std::string& line) noexcept
 {
-    // Never destroyed: destructors of static objects may still log.
-    static std::mutex& oneAtATime = *new std::mutex;
     const SigpipeHeldBack sigpipeHeldBack;
-    const std::lock_guard<std::mutex> lock(oneAtATime);
+    const std::lock_guard<std::mutex> lock(g_oneLineAtATime);
     const char* rest = line.data();
     std::size_t left = line.size();
     while (left > 0)

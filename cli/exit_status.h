@@ -17,7 +17,7 @@ enum ExitStatus : int
     kUnavailable = EX_UNAVAILABLE,
     /// A defect, or a machine that is out of something.
     kInternal = EX_SOFTWARE,
-    /// `velmor run --wait`: somebody else led all the time.
+    /// `velmor run --wait`: did not become leader in time.
     kNotElected = EX_TEMPFAIL,
     /// `velmor run`: the leadership was lost before the command had ended.
     kLeadershipLost = EX_PROTOCOL,

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <thread>
 #include <utility>
 
@@ -76,8 +77,10 @@ public:
     Impl(const std::string& where, HttpAnswers answers) : answers_(std::move(answers))
     {
         const Address address = Parse(where);
-        // Few ask, and seldom.
-        constexpr std::size_t kThreads = 2;
+        // Those who wait for a server that hangs must not keep others from their answers.
+        constexpr std::size_t kThreads = 8;
+        constexpr std::chrono::seconds kPatience{1};
+        server_.set_read_timeout(kPatience);
         server_.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
         // Two on one port would take turns in answering: the second is to be refused.
         server_.set_socket_options([](int socket) {

@@ -18,7 +18,7 @@ struct RunOptions
     std::string identity;
     /// Between SIGTERM and SIGKILL, and the longest that the hook of a loss may take.
     std::chrono::milliseconds grace{10'000};
-    /// Give up when another one has led for this long.
+    /// Give up when not leading within this time.
     std::optional<std::chrono::milliseconds> wait;
     Restart restart = Restart::Never;
     /// For a shell; may be empty.

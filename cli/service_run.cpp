@@ -12,8 +12,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -29,6 +31,8 @@ const auto g_log = std::make_shared<const kx::logging::Source>("velmor.run");
 
 /// A warm-up may take its time.
 constexpr milliseconds kNextHookLimit = std::chrono::hours(24);
+/// Whoever wants a command to end without grace still wants its loss to be told.
+constexpr milliseconds kShortestLossHook{1'000};
 
 int DuplicateOf(int descriptor)
 {
@@ -48,7 +52,14 @@ const char* Word(Role role)
 /// What a candidate that gives up by itself ends with.
 int StatusForError(const std::string& error)
 {
-    return error.find(ZooError(ZNOAUTH).what()) != std::string::npos ? kNotPermitted : kUnavailable;
+    for (const int code : {ZNOAUTH, ZINVALIDACL})
+    {
+        if (error.find(ZooError(code).what()) != std::string::npos)
+        {
+            return kNotPermitted;
+        }
+    }
+    return kInternal;
 }
 
 }  // namespace
@@ -68,7 +79,13 @@ ServiceRun::ServiceRun(const Settings& settings, RunOptions options, Warden& war
     reports_.assign(DuplicateOf(warden_.Descriptor()));
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2})
     {
-        signals_.add(signal);
+        // nohup and shells without job control have reasons for what they let a program ignore.
+        struct sigaction inherited
+        {};
+        if (::sigaction(signal, nullptr, &inherited) != 0 || inherited.sa_handler != SIG_IGN)
+        {
+            signals_.add(signal);
+        }
     }
     states_ = session_->OnStateChange([this](const SessionStatus& status) {
         if (status.state == SessionState::Connected)
@@ -151,11 +168,20 @@ int ServiceRun::Run()
         });
     }
     Join();
-    loop_.run();
-    // What is asked for meanwhile is answered as long as there is something to answer with.
-    endpoint_.reset();
-    candidate_.reset();
+    try
+    {
+        loop_.run();
+    }
+    catch (const std::exception& error)
+    {
+        // Threads, memory or descriptors were not to be had. What has come apart cannot leave in an orderly way: the
+        // warden ends the command, and the servers notice.
+        KX_LOG(LogLevel::Error, g_log) << "Gives up: " << error.what();
+        std::_Exit(kInternal);
+    }
+    // First of all, so that nobody waits for servers any more.
     session_->Close();
+    endpoint_.reset();
     return *status_;
 }
 
@@ -216,10 +242,10 @@ void ServiceRun::EndWith(int status)
 void ServiceRun::Leave()
 {
     waitTimer_.cancel();
-    connectTimer_.cancel();
     pauseTimer_.cancel();
     if (status_)
     {
+        connectTimer_.cancel();
         manager_.Stopping();
     }
     if (phase_ == Phase::Pausing && status_)
@@ -242,9 +268,12 @@ void ServiceRun::Left()
 {
     leaver_.join();
     phase_ = Phase::Pausing;
-    if (status_)
+    if (status_ && !service_)
     {
         Leave();
+    }
+    if (status_ || toldToEnd_)
+    {
         return;
     }
     manager_.Status("waits before it joins again");
@@ -282,7 +311,7 @@ void ServiceRun::OnRole(Role role, const std::string& node)
 
 void ServiceRun::OnNext()
 {
-    if (!options_.onNext.empty() && !nextHookRuns_)
+    if (!options_.onNext.empty() && !nextHookRuns_ && !status_ && phase_ == Phase::TakingPart)
     {
         nextHookRuns_ = true;
         StartHook(kNextHook, options_.onNext, kNextHookLimit, Environment());
@@ -294,7 +323,7 @@ void ServiceRun::OnNext()
 void ServiceRun::OnGain(const Gain& gain)
 {
     figures_.OnGain();
-    if (status_ || phase_ != Phase::TakingPart || !TakeLease(gain.leadership))
+    if (status_ || toldToEnd_ || phase_ != Phase::TakingPart || !TakeLease(gain.leadership))
     {
         // Its loss is on its way.
         return;
@@ -319,8 +348,9 @@ void ServiceRun::OnLoss(Loss loss)
     loss_ = std::move(loss);
     if (options_.standby)
     {
-        DropLease();
+        // In this order: as long as there is a lease the warden tells of its end, should this process stand still.
         Tell(kNoRole);
+        DropLease();
     }
     else if (service_)
     {
@@ -343,11 +373,11 @@ void ServiceRun::FinishLoss()
         std::map<std::string, std::string> environment = Environment();
         environment["VELMOR_REASON"] = ToString(loss_->reason);
         lossHookRuns_ = true;
-        StartHook(kLostHook, options_.onLost, options_.grace, std::move(environment));
+        StartHook(kLostHook, options_.onLost, std::max(options_.grace, kShortestLossHook), std::move(environment));
         return;
     }
     leading_.reset();
-    std::exchange(loss_, std::nullopt)->handled->set_value(status_.has_value());
+    std::exchange(loss_, std::nullopt)->handled->set_value(status_ || toldToEnd_);
     if (phase_ == Phase::TakingPart && !status_)
     {
         AwaitTurn();
@@ -374,6 +404,7 @@ void ServiceRun::SetLease(BootClock::time_point heard)
     // A server may end the session three quarters of its timeout after a sign of life that a follower of it was given,
     // and nobody leads after two thirds. What is between is for those who do not end when they are asked to, and half
     // of it for their killing to take effect.
+    leaseHeard_ = heard;
     warden_.SetLease(heard + leaseTimeout_ * 2 / 3, heard + leaseTimeout_ * 17 / 24);
 }
 
@@ -386,9 +417,16 @@ void ServiceRun::DropLease()
 
 void ServiceRun::OnHeard(std::int64_t sessionId, BootClock::time_point heard)
 {
-    if (leaseSession_ != 0 && sessionId == leaseSession_)
+    if (leaseSession_ == 0 || sessionId != leaseSession_ || heard <= leaseHeard_)
     {
-        SetLease(heard);
+        return;
+    }
+    const bool wasOver = BootClock::now() >= leaseHeard_ + leaseTimeout_ * 2 / 3;
+    SetLease(heard);
+    if (wasOver && leading_ && options_.standby)
+    {
+        // This process was late and not the servers: the warden has told the command of an end that there was not.
+        warden_.Tell(lastLine_);
     }
 }
 

@@ -165,10 +165,12 @@ private:
     /// The leadership went while the service ran.
     bool lostService_ = false;
     bool toldToEnd_ = false;
+    bool leavesOnSignal_ = false;
     std::optional<std::chrono::steady_clock::time_point> interrupted_;
     /// The session that the lease is one of; 0 while there is no lease.
     std::int64_t leaseSession_ = 0;
     std::chrono::milliseconds leaseTimeout_{0};
+    BootClock::time_point leaseHeard_;
     std::string lastLine_;
     RestartDelay delay_;
     std::chrono::milliseconds pause_{0};

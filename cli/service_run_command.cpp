@@ -131,9 +131,10 @@ void ServiceRun::OnReport(const WardenReport& report)
             return;
         case WardenReport::What::Ended: {
             KX_LOG(LogLevel::Info, g_log) << "The command has ended with " << Ending(report.waitStatus);
-            const bool interrupted = WIFSIGNALED(report.waitStatus) &&
-                                     (WTERMSIG(report.waitStatus) == SIGINT || WTERMSIG(report.waitStatus) == SIGQUIT);
-            OnServiceEnded(StatusOf(report.waitStatus), interrupted && ::isatty(STDIN_FILENO) == 1, report.leaseRanOut);
+            // Ctrl-C goes to the command alone. Shells and others that handle it end with the status that tells of it.
+            const int status = StatusOf(report.waitStatus);
+            const bool interrupted = status == OfSignal(SIGINT) || status == OfSignal(SIGQUIT);
+            OnServiceEnded(status, interrupted && ::isatty(STDIN_FILENO) == 1, report.leaseRanOut);
             return;
         }
         case WardenReport::What::HookEnded:
@@ -186,7 +187,8 @@ void ServiceRun::OnServiceEnded(int status, bool byTerminal, bool leaseRanOut)
     }
     interrupted_.reset();
 
-    const bool joinsByItself = loss_ && !status_;
+    // The candidate does, when its callback has returned. A command on standby is started by joining anew.
+    const bool joinsByItself = loss_ && !status_ && !options_.standby;
     FinishLoss();
     if (!joinsByItself)
     {
@@ -209,14 +211,16 @@ void ServiceRun::OnHookEnded(const std::string& name)
 
 void ServiceRun::OnWardenGone()
 {
-    KX_LOG(LogLevel::Error, g_log) << "Somebody has killed the process that watches over the command, and the command "
-                                      "with it";
+    KX_LOG(LogLevel::Error, g_log) << "The process that watches over commands was killed, and with it what it watched";
     lossHookDue_ = false;
     lossHookRuns_ = false;
     service_ = false;
     pid_ = 0;
     DropLease();
-    status_ = kInternal;
+    if (!status_)
+    {
+        status_ = kInternal;
+    }
     FinishLoss();
     Leave();
 }
@@ -227,7 +231,7 @@ void ServiceRun::OnSignal(int signal)
 {
     if (!service_)
     {
-        if (phase_ == Phase::Leaving && status_)
+        if (std::exchange(leavesOnSignal_, true))
         {
             // Servers that do not answer may take a while to be left. Whoever asks twice does not care to wait.
             KX_LOG(LogLevel::Warning, g_log) << "Ends without having left: the servers notice by the session timeout";
@@ -252,6 +256,11 @@ void ServiceRun::OnSignal(int signal)
             KX_LOG(LogLevel::Info, g_log) << "Ends the command and leaves the election";
             manager_.Stopping();
             EndService(options_.grace);
+            if (!leading_)
+            {
+                // The lead is not for a command that is about to end.
+                Leave();
+            }
             return;
         case SIGINT:
         case SIGQUIT:

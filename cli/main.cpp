@@ -29,7 +29,7 @@ int main(int argc, char** argv)
     OccupyStandardStreams();
     using namespace kx::velmor::cli;  // NOLINT(google-build-using-namespace)
     Front front(std::cout, std::cerr);
-    for (const auto add : {AddRun, AddDemo, AddDemoParticipant})
+    for (const auto add : {AddRun, AddStatus, AddWatch, AddDemo, AddDemoParticipant})
     {
         front.Add(add(front.Application()));
     }

@@ -6,6 +6,7 @@
 #include "tests/support/temporary_directory.h"
 #include "tests/support/zookeeper_server.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -24,6 +25,8 @@ namespace kx::velmor::testing_support {
 namespace {
 
 using process::ChildProcess;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 
 std::string TextOf(const std::filesystem::path& path)
 {
@@ -137,11 +140,19 @@ protected:
     const std::uint16_t port_ = ChooseFreePort();
 };
 
-TEST_F(Velmor, RunsOneOfTwoAndTheOtherWhenTheFirstIsEnded)
+TEST_F(Velmor, RunsOneOfTwoShowsBothAndRunsTheOtherWhenTheFirstIsEnded)
 {
     Terminal first(home_, Run("export VELMOR_SERVERS"));
     first.AwaitText("working, with fencing token ");
     Terminal second(home_, Run("export VELMOR_SERVERS"));
+    std::optional<Terminal> status;
+    Await("status shows both", [&] {
+        status.emplace(home_, Export() + Typed("sh", "velmor status"));
+        const int ended = status->AwaitStatus();
+        status->Process().Kill();
+        return ended == EXIT_SUCCESS && status->Shown().find("next") != std::string::npos;
+    });
+    EXPECT_THAT(status->Shown(), AllOf(HasSubstr("leader"), HasSubstr("c-0000000000"), HasSubstr("c-0000000001")));
     EXPECT_EQ(second.Shown(), "");
 
     first.Process().Signal(SIGINT);
@@ -152,6 +163,13 @@ TEST_F(Velmor, RunsOneOfTwoAndTheOtherWhenTheFirstIsEnded)
     Terminal third(home_, Run("export VELMOR_SERVERS"));
     second.Process().Kill();
     third.AwaitText("working, with fencing token ");
+}
+
+TEST_F(Velmor, SaysThatNobodyLeads)
+{
+    Terminal status(home_, Export() + Typed("sh", "velmor status"));
+
+    EXPECT_EQ(status.AwaitStatus(), 1);
 }
 
 TEST_F(Velmor, ReadsTheConfigurationFile)

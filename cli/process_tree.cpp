@@ -21,21 +21,25 @@ namespace kx::velmor::cli {
 
 namespace {
 
-/// A file of /proc in one piece, "" when it is not there. (A stream would throw when the process ends meanwhile.)
-std::string ReadAtOnce(const std::string& path)
+/// A file of /proc in one piece, "" when it is not there any more, nothing when it cannot be read now. (A stream would
+/// throw when the process ends meanwhile.)
+std::optional<std::string> ReadAtOnce(const std::string& path)
 {
     constexpr std::size_t kRoom = 4096;
     std::string text(kRoom, '\0');
     const OwnedDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     const ssize_t size = file ? ::read(file.Get(), text.data(), text.size()) : -1;
+    if (size < 0 && errno != ENOENT && errno != ESRCH)
+    {
+        return std::nullopt;
+    }
     text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
     return text;
 }
 
 /// Empty when there is no such process any more.
-std::optional<ProcessEntry> ReadEntry(pid_t pid)
+std::optional<ProcessEntry> Parse(pid_t pid, const std::string& text)
 {
-    const std::string text = ReadAtOnce("/proc/" + std::to_string(pid) + "/stat");
     // The second field is the name in parentheses, which may itself hold parentheses and blanks.
     const std::size_t nameEnd = text.rfind(')');
     if (nameEnd == std::string::npos)
@@ -57,19 +61,34 @@ std::optional<ProcessEntry> ReadEntry(pid_t pid)
     return fields ? std::optional<ProcessEntry>(entry) : std::nullopt;
 }
 
-std::map<pid_t, ProcessEntry> ReadAll()
+std::string StatusFile(pid_t pid)
+{
+    return "/proc/" + std::to_string(pid) + "/stat";
+}
+
+/// Empty when not all can be read now.
+std::optional<std::map<pid_t, ProcessEntry>> ReadAll()
 {
     std::map<pid_t, ProcessEntry> all;
     const auto close = [](DIR* directory) { ::closedir(directory); };
     const std::unique_ptr<DIR, decltype(close)> directory(::opendir("/proc"), close);
-    while (const dirent* const item = directory ? ::readdir(directory.get()) : nullptr)
+    if (!directory)
+    {
+        return std::nullopt;
+    }
+    while (const dirent* const item = ::readdir(directory.get()))
     {
         const auto pid = static_cast<pid_t>(std::strtol(item->d_name, nullptr, 10));
         if (pid <= 0)
         {
             continue;
         }
-        if (const std::optional<ProcessEntry> entry = ReadEntry(pid))
+        const std::optional<std::string> text = ReadAtOnce(StatusFile(pid));
+        if (!text)
+        {
+            return std::nullopt;
+        }
+        if (const std::optional<ProcessEntry> entry = Parse(pid, *text))
         {
             all.emplace(pid, *entry);
         }
@@ -100,13 +119,17 @@ pid_t TopBelow(pid_t root, const ProcessEntry& process, const std::map<pid_t, Pr
 
 }  // namespace
 
-std::vector<ProcessEntry> Descendants(pid_t root)
+std::optional<std::vector<ProcessEntry>> Descendants(pid_t root)
 {
-    const std::map<pid_t, ProcessEntry> all = ReadAll();
-    std::vector<ProcessEntry> found;
-    for (const auto& [pid, entry] : all)
+    const std::optional<std::map<pid_t, ProcessEntry>> all = ReadAll();
+    if (!all)
     {
-        if (const pid_t top = TopBelow(root, entry, all))
+        return std::nullopt;
+    }
+    std::vector<ProcessEntry> found;
+    for (const auto& [pid, entry] : *all)
+    {
+        if (const pid_t top = TopBelow(root, entry, *all))
         {
             found.push_back(entry);
             found.back().top = top;
@@ -124,9 +147,11 @@ bool SignalProcess(const ProcessEntry& process, int signal)
     {
         return true;
     }
-    const std::optional<ProcessEntry> now = ReadEntry(process.pid);
+    const std::optional<std::string> text = ReadAtOnce(StatusFile(process.pid));
+    const std::optional<ProcessEntry> now = text ? Parse(process.pid, *text) : std::nullopt;
     if (!now || now->startTime != process.startTime)
     {
+        // Also when that cannot be read now: whoever has to be sure looks again.
         return true;
     }
     // Out of descriptors, or on a kernel without these handles, the look just taken has to do.

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <vector>
 
 namespace kx::velmor::cli {
@@ -20,11 +21,12 @@ struct ProcessEntry
 };
 
 /// Everything that descends from `root`, ended processes that nobody has waited for included: an ended main thread
-/// looks the same while others of its process still run.
+/// looks the same while others of its process still run. Empty when that is not to be found out now, for want of
+/// descriptors or memory.
 ///
 /// No snapshot: what is started while /proc is read may be missing. Those whose parents have ended are there when
 /// `root` adopts them (PR_SET_CHILD_SUBREAPER).
-std::vector<ProcessEntry> Descendants(pid_t root);
+std::optional<std::vector<ProcessEntry>> Descendants(pid_t root);
 
 /// Sends a signal to that very process, and none to another that was given its number. Says whether it may be sent:
 /// true also when the process has ended.

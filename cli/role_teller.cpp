@@ -1,7 +1,5 @@
 #include "cli/role_teller.h"
 
-#include <kx/logging/logger.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,11 +11,7 @@
 
 namespace kx::velmor::cli {
 
-using logging::LogLevel;
-
 namespace {
-
-const auto g_log = std::make_shared<const logging::Source>("velmor.warden");
 
 std::string Text(int error)
 {
@@ -53,7 +47,7 @@ bool MakeReadable(int descriptor)
 
 }  // namespace
 
-RoleTeller::RoleTeller(std::string file) : file_(std::move(file))
+RoleTeller::RoleTeller(std::string file, Complain complain) : file_(std::move(file)), complain_(std::move(complain))
 {
     int ends[2];
     Checked(::pipe2(ends, O_CLOEXEC), "pipe2");
@@ -67,20 +61,19 @@ RoleTeller::~RoleTeller()
 {
     if (!file_.empty() && ::unlink(file_.c_str()) != 0 && errno != ENOENT)
     {
-        const int error = errno;
-        KX_LOG(LogLevel::Warning, g_log) << "Cannot remove the role file " << file_ << ": " << Text(error);
+        complain_("Cannot remove the role file " + file_ + ": " + Text(errno));
     }
 }
 
 void RoleTeller::Tell(const std::string& line)
 {
     const std::string text = line + "\n";
+    next_ = text;
+    Continue();
     if (!file_.empty())
     {
         Replace(text);
     }
-    next_ = text;
-    Continue();
 }
 
 std::optional<int> RoleTeller::Awaited() const noexcept
@@ -127,8 +120,7 @@ void RoleTeller::Replace(const std::string& text) const
     }
     if (!done)
     {
-        const int error = errno;
-        KX_LOG(LogLevel::Error, g_log) << "Cannot write the role file " << file_ << ": " << Text(error);
+        complain_("Cannot write the role file " + file_ + ": " + Text(errno));
         ::unlink(temporary.c_str());
     }
 }

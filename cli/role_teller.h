@@ -2,17 +2,21 @@
 
 #include "cli/owned_descriptor.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
 namespace kx::velmor::cli {
+
+/// Takes in what is worth a line in the log. Does not throw.
+using Complain = std::function<void(const std::string&)>;
 
 /// Tells a command lines, through a pipe and in a file. Waits for neither reader nor room.
 class RoleTeller
 {
 public:
     /// `file` may be empty. Throws `std::system_error` when there is no pipe to be had.
-    explicit RoleTeller(std::string file);
+    RoleTeller(std::string file, Complain complain);
     /// Removes the file.
     ~RoleTeller();
 
@@ -22,7 +26,8 @@ public:
     /// The end of the pipe that the command reads; to be closed when it has been started.
     OwnedDescriptor& ReadEnd() noexcept { return readEnd_; }
 
-    /// Writes the line, if there is room, and keeps it otherwise, in place of a line that was kept. Replaces the file.
+    /// Writes the line, if there is room, and keeps it otherwise, in place of a line that was kept. Then replaces the
+    /// file, which takes as long as the file system takes.
     void Tell(const std::string& line);
     /// When it is writable, `Continue` is due. Empty when nothing is kept.
     std::optional<int> Awaited() const noexcept;
@@ -32,6 +37,7 @@ private:
     void Replace(const std::string& text) const;
 
     const std::string file_;
+    const Complain complain_;
     OwnedDescriptor readEnd_;
     /// None when nobody reads any more.
     OwnedDescriptor writeEnd_;

@@ -346,13 +346,15 @@ void ServiceRun::OnLoss(Loss loss)
 {
     figures_.OnLoss(loss.reason);
     loss_ = std::move(loss);
-    if (options_.standby)
+    if (options_.standby && service_)
     {
-        // In this order: as long as there is a lease the warden tells of its end, should this process stand still.
-        Tell(kNoRole);
-        DropLease();
+        // As long as there is a lease the warden tells of its end, should this process stand still meanwhile.
+        awaitsToldOfLoss_ = true;
+        lastLine_ = kNoRole;
+        warden_.Tell(lastLine_);
+        return;
     }
-    else if (service_)
+    if (service_)
     {
         lostService_ = true;
         // Somebody else may lead already when the session is known to be over.
@@ -364,7 +366,7 @@ void ServiceRun::OnLoss(Loss loss)
 
 void ServiceRun::FinishLoss()
 {
-    if (!loss_ || lossHookRuns_)
+    if (!loss_ || lossHookRuns_ || awaitsToldOfLoss_)
     {
         return;
     }

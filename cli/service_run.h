@@ -108,6 +108,7 @@ private:
     void OnReport(const WardenReport& report);
     void OnServiceEnded(int status, bool byTerminal, bool leaseRanOut);
     void OnHookEnded(const std::string& name);
+    void OnToldOfLoss();
     void OnWardenGone();
 
     /// False when the leadership is over already.
@@ -158,6 +159,8 @@ private:
     /// The leadership had begun here, so that its loss is worth a hook.
     bool lossHookDue_ = false;
     bool lossHookRuns_ = false;
+    /// The loss is on its way to a command on standby.
+    bool awaitsToldOfLoss_ = false;
     bool nextHookRuns_ = false;
     /// Started and not yet ended, all that it has started included.
     bool service_ = false;

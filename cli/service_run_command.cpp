@@ -91,6 +91,15 @@ void ServiceRun::Tell(const std::string& line)
     }
 }
 
+void ServiceRun::OnToldOfLoss()
+{
+    if (std::exchange(awaitsToldOfLoss_, false))
+    {
+        DropLease();
+        FinishLoss();
+    }
+}
+
 void ServiceRun::OnReports()
 {
     while (const std::optional<WardenReport> report = warden_.Receive())
@@ -145,6 +154,15 @@ void ServiceRun::OnReport(const WardenReport& report)
             }
             OnHookEnded(report.name);
             return;
+        case WardenReport::What::Told:
+            if (report.name == kNoRole)
+            {
+                OnToldOfLoss();
+            }
+            return;
+        case WardenReport::What::Complaint:
+            KX_LOG(LogLevel::Warning, g_log) << report.error;
+            return;
         case WardenReport::What::Gone:
             OnWardenGone();
             return;
@@ -156,6 +174,7 @@ void ServiceRun::OnServiceEnded(int status, bool byTerminal, bool leaseRanOut)
     const steady_clock::time_point now = steady_clock::now();
     service_ = false;
     pid_ = 0;
+    awaitsToldOfLoss_ = false;
     DropLease();
     const bool lost = std::exchange(lostService_, false) || leaseRanOut;
     if (status_)
@@ -215,6 +234,7 @@ void ServiceRun::OnWardenGone()
     lossHookDue_ = false;
     lossHookRuns_ = false;
     service_ = false;
+    awaitsToldOfLoss_ = false;
     pid_ = 0;
     DropLease();
     if (!status_)

@@ -56,7 +56,7 @@ std::set<pid_t> Children()
 {
     const pid_t self = ::getpid();
     std::set<pid_t> children;
-    for (const ProcessEntry& process : Descendants(self))
+    for (const ProcessEntry& process : Descendants(self).value_or(std::vector<ProcessEntry>()))
     {
         children.insert(process.top);
     }
@@ -114,9 +114,11 @@ public:
             ::shutdown(socket_.Get(), SHUT_RDWR);
             // Also one that somebody has stopped.
             ::kill(pid_, SIGCONT);
-            while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR)
+            int status = -1;
+            while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR)
             {}
-            while (!Bury())
+            // One that has ended in order has left nothing, and what else there is now may be others'.
+            while (status != 0 && !Bury())
             {}
         }
         ::prctl(PR_SET_CHILD_SUBREAPER, wasSubreaper_);
@@ -173,6 +175,15 @@ public:
         }
     }
 
+    /// Somebody may have stopped the warden, and what is to end now waits for nobody.
+    void Continue() const noexcept
+    {
+        if (!buried_)
+        {
+            ::kill(pid_, SIGCONT);
+        }
+    }
+
     void Start(const Launch& launch)
     {
         if (!launch.roleFile.empty())
@@ -200,8 +211,9 @@ private:
     bool Bury()
     {
         const SignalsBlocked blocked;
-        bool done = true;
-        for (const ProcessEntry& process : Descendants(::getpid()))
+        const std::optional<std::vector<ProcessEntry>> left = Descendants(::getpid());
+        bool done = left.has_value();
+        for (const ProcessEntry& process : left.value_or(std::vector<ProcessEntry>()))
         {
             if (others_.count(process.top) != 0)
             {
@@ -276,6 +288,7 @@ void Warden::Signal(int signal, bool wholeGroup)
 
 void Warden::End(std::chrono::milliseconds grace)
 {
+    impl_->Continue();
     Order order{Order::What::End};
     order.grace = grace;
     impl_->Send(order);

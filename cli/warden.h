@@ -57,12 +57,17 @@ struct WardenReport
         Ended,
         /// A hook has ended, and nobody that it has started is left.
         HookEnded,
+        /// A line has been passed on to the service, or the one for the end of its lease in place of it: `name` is the
+        /// line.
+        Told,
+        /// Something that is worth a line in the log: `error`.
+        Complaint,
         /// The warden itself has ended, which it does not do unless somebody kills it. Whatever it had started is gone.
         Gone,
     };
 
     What what;
-    /// All but `Gone`: of what.
+    /// Of what, for what has to do with a command.
     Launch::Kind kind = Launch::Kind::Service;
     /// As `Launch` said.
     std::string name{};
@@ -122,7 +127,8 @@ public:
     /// SIGTERM to the service's group now; SIGKILL to everything that it has started after `grace`, or when the lease
     /// has run out. `Ended` follows, if there was a service. 0: SIGKILL at once.
     void End(std::chrono::milliseconds grace);
-    /// To a service that hears roles; the last line that it has not read in time is all that is kept for it.
+    /// To a service that hears roles: `Told` follows. The last line that it has not read in time is all that is kept
+    /// for it.
     void Tell(const std::string& line);
 
     /// From now on the lease runs out at `end`: the service's group gets SIGTERM, unless it hears roles; at `killAt`

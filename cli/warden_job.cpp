@@ -1,18 +1,13 @@
 #include "cli/warden_job.h"
 
-#include <kx/logging/logger.h>
-
 #include <signal.h>
 
+#include <string>
 #include <utility>
 
 namespace kx::velmor::cli {
 
-using logging::LogLevel;
-
 namespace {
-
-const auto g_log = std::make_shared<const logging::Source>("velmor.warden");
 
 constexpr std::chrono::milliseconds kFirstKillPause{5};
 constexpr std::chrono::milliseconds kLongestKillPause{500};
@@ -26,8 +21,8 @@ void AskGroupToEnd(pid_t group) noexcept
 
 }  // namespace
 
-WardenJob::WardenJob(Launch launch, pid_t pid, std::unique_ptr<RoleTeller> teller)
-    : launch_(std::move(launch)), pid_(pid), teller_(std::move(teller))
+WardenJob::WardenJob(Launch launch, pid_t pid, std::unique_ptr<RoleTeller> teller, Complain complain)
+    : launch_(std::move(launch)), pid_(pid), teller_(std::move(teller)), complain_(std::move(complain))
 {
     if (!IsService())
     {
@@ -84,6 +79,14 @@ void WardenJob::Mind(const SharedLease::Times& lease, Time now)
     }
 }
 
+void WardenJob::KillGroupWhenDue(Time now) const noexcept
+{
+    if (now >= killAt_)
+    {
+        Signal(SIGKILL, true);
+    }
+}
+
 void WardenJob::TreatMembers(const std::vector<ProcessEntry>& members, Time now)
 {
     if (now >= killAt_)
@@ -124,9 +127,8 @@ void WardenJob::SignalAll(const std::vector<ProcessEntry>& members, int signal)
     {
         if (!SignalProcess(member, signal) && !std::exchange(complained_, true))
         {
-            KX_LOG(LogLevel::Warning, g_log)
-                << "May not end a process that a command has started, waiting until it ends by itself; process "
-                << member.pid;
+            complain_("May not end a process that a command has started, waiting until it ends by itself; process " +
+                      std::to_string(member.pid));
         }
     }
 }

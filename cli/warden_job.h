@@ -25,7 +25,7 @@ class WardenJob
 public:
     using Time = BootClock::time_point;
 
-    WardenJob(Launch launch, pid_t pid, std::unique_ptr<RoleTeller> teller);
+    WardenJob(Launch launch, pid_t pid, std::unique_ptr<RoleTeller> teller, Complain complain);
 
     const Launch& What() const noexcept { return launch_; }
     bool IsService() const noexcept { return launch_.kind == Launch::Kind::Service; }
@@ -45,6 +45,8 @@ public:
     void End(Time killAt, Time now) noexcept;
     /// Acts on what the lease says now. To be called for a service.
     void Mind(const SharedLease::Times& lease, Time now);
+    /// Kills the group when it is time for that, without a look at who is in it, which may take long.
+    void KillGroupWhenDue(Time now) const noexcept;
     /// Something is to be done about those who are left, which takes a look at who they are.
     bool WantsMembers(Time now) const noexcept { return !runs_ || now >= killAt_; }
     /// `members` is who is left, as far as is known.
@@ -58,6 +60,7 @@ private:
     const Launch launch_;
     const pid_t pid_;
     const std::unique_ptr<RoleTeller> teller_;
+    const Complain complain_;
     bool runs_ = true;
     int waitStatus_ = 0;
     /// Its group was asked to end.

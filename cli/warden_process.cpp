@@ -15,6 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <iterator>
 #include <new>
 #include <system_error>
@@ -112,7 +113,7 @@ WardenProcess::~WardenProcess()
     }
     while (HasChildren())
     {
-        for (const ProcessEntry& process : Descendants(::getpid()))
+        for (const ProcessEntry& process : Descendants(::getpid()).value_or(std::vector<ProcessEntry>()))
         {
             SignalProcess(process, SIGKILL);
         }
@@ -182,7 +183,7 @@ void WardenProcess::Do(const Order& order)
     }
     else if (order.what == Order::What::Tell && service->Teller() != nullptr)
     {
-        service->Teller()->Tell(order.line);
+        Tell(*service, order.line);
     }
 }
 
@@ -205,7 +206,7 @@ void WardenProcess::Start(const Launch& launch)
     {
         try
         {
-            auto teller = launch.hearsRoles ? std::make_unique<RoleTeller>(launch.roleFile) : nullptr;
+            auto teller = launch.hearsRoles ? std::make_unique<RoleTeller>(launch.roleFile, Complaining()) : nullptr;
             StartSurroundings surroundings;
             surroundings.foreground = isService && terminal_.IsOwners();
             surroundings.rolePipe = teller ? teller->ReadEnd().Get() : -1;
@@ -235,7 +236,7 @@ void WardenProcess::Started(const Launch& launch, pid_t pid, std::unique_ptr<Rol
     {
         teller->ReadEnd().Close();
     }
-    jobs_.push_back(std::make_unique<WardenJob>(launch, pid, std::move(teller)));
+    jobs_.push_back(std::make_unique<WardenJob>(launch, pid, std::move(teller), Complaining()));
     WardenReport report{WardenReport::What::Launched};
     report.kind = launch.kind;
     report.name = launch.name;
@@ -298,6 +299,10 @@ void WardenProcess::Advance()
     {
         service->Mind(lease_.Read(), now);
     }
+    for (const std::unique_ptr<WardenJob>& job : jobs_)
+    {
+        job->KillGroupWhenDue(now);
+    }
     for (auto job = jobs_.begin(); job != jobs_.end();)
     {
         if (!IsOver(**job, now))
@@ -323,24 +328,35 @@ bool WardenProcess::IsOver(WardenJob& job, Time now)
     {
         return false;
     }
-    const std::vector<ProcessEntry> members = MembersOf(job);
-    if (!members.empty() || job.Runs())
+    const std::optional<std::vector<ProcessEntry>> members = MembersOf(job);
+    if (!members)
     {
-        job.TreatMembers(members, now);
+        lookAgain_ = true;
+        return false;
+    }
+    if (!members->empty() || job.Runs())
+    {
+        job.TreatMembers(*members, now);
         return false;
     }
     // Not to be seen is not yet gone: the kernel knows for sure when all children are this command's, and otherwise
     // a second look has to do.
-    lookAgain_ = jobs_.size() == 1 ? HasChildren() : !MembersOf(job).empty();
-    return !lookAgain_;
+    const auto isEmpty = [](const auto& found) { return found && found->empty(); };
+    const bool over = jobs_.size() == 1 ? !HasChildren() : isEmpty(MembersOf(job));
+    lookAgain_ = lookAgain_ || !over;
+    return over;
 }
 
-std::vector<ProcessEntry> WardenProcess::MembersOf(const WardenJob& job) const
+std::optional<std::vector<ProcessEntry>> WardenProcess::MembersOf(const WardenJob& job) const
 {
-    std::vector<ProcessEntry> all = Descendants(::getpid());
+    const std::optional<std::vector<ProcessEntry>> all = Descendants(::getpid());
+    if (!all)
+    {
+        return std::nullopt;
+    }
     std::vector<ProcessEntry> members;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(members),
-                 [&](const ProcessEntry& process) { return &JobOf(process, all) == &job; });
+    std::copy_if(all->begin(), all->end(), std::back_inserter(members),
+                 [&](const ProcessEntry& process) { return &JobOf(process, *all) == &job; });
     return members;
 }
 
@@ -383,6 +399,32 @@ void WardenProcess::Wait()
     {
         service->Teller()->Continue();
     }
+}
+
+void WardenProcess::Tell(WardenJob& service, const std::string& line)
+{
+    // Whoever sends a line may have stood still since.
+    const bool over = BootClock::now() >= lease_.Read().end;
+    service.Teller()->Tell(over ? service.What().lineWhenLeaseRunsOut : line);
+    WardenReport report{WardenReport::What::Told};
+    report.name = line;
+    Report(report);
+}
+
+Complain WardenProcess::Complaining()
+{
+    return [this](const std::string& text) {
+        try
+        {
+            WardenReport report{WardenReport::What::Complaint};
+            report.error = text;
+            Report(report);
+        }
+        catch (const std::exception&)
+        {
+            // What cannot be sent is found out by the next report that has to be.
+        }
+    };
 }
 
 void WardenProcess::Report(const WardenReport& report)

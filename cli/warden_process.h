@@ -47,10 +47,14 @@ private:
     void Stopped(const WardenJob& job, int signal) const;
     void Advance();
     bool IsOver(WardenJob& job, Time now);
-    std::vector<ProcessEntry> MembersOf(const WardenJob& job) const;
+    /// Empty when that is not to be found out now.
+    std::optional<std::vector<ProcessEntry>> MembersOf(const WardenJob& job) const;
     const WardenJob& JobOf(const ProcessEntry& process, const std::vector<ProcessEntry>& all) const;
     void Wait();
+    void Tell(WardenJob& service, const std::string& line);
     void Report(const WardenReport& report);
+    /// Whoever logs may have to wait, and nobody here may.
+    Complain Complaining();
     /// Null when there is none.
     WardenJob* Service() const;
 

@@ -260,6 +260,10 @@ Received ReceiveMessage(int socket)
         return {true, std::nullopt};
     }
     const OwnedDescriptor file = DescriptorIn(packet);
+    if ((packet.msg_flags & MSG_CTRUNC) != 0)
+    {
+        throw std::system_error(EMFILE, std::generic_category(), "recvmsg");
+    }
     bytes.resize(static_cast<std::size_t>(size));
     return {false, json::from_cbor(file ? ReadFileInMemory(file) : bytes)};
 }

@@ -236,6 +236,16 @@ TEST_F(RunCommand, IsFollowedByAHookBeforeAnotherOneRuns)
     EndInOrder(second);
 }
 
+TEST_F(RunCommand, IsLeftInOrderWhenASignalComesWhileItsHookRuns)
+{
+    RunningProgram& program = Join({"--on-lost", ServiceForShell({"as=lost", "after=500"})}, Service({"after=0"}));
+    AwaitRecord("lost.start");
+    program.Signal(SIGTERM);
+    EXPECT_EQ(program.AwaitExit(), 0);
+    EXPECT_THAT(Records("lost.end"), SizeIs(1));
+    EXPECT_THAT(Queue(), IsEmpty());
+}
+
 TEST_F(RunCommand, IsFollowedByAHookWhenItLeaves)
 {
     RunningProgram& program = Join({"--on-lost", ServiceForShell({"as=lost", "after=0", "environment"}) + "; exit 9"},

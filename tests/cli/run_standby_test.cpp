@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -92,6 +95,40 @@ TEST_F(RunStandby, IsToldOfEachRoleFromTheFirstMomentOn)
     EndInOrder(third);
     EXPECT_THAT(Queue(), IsEmpty());
     EXPECT_THAT(Records("start"), SizeIs(3));
+}
+
+TEST_F(RunStandby, StartsAgainWhenItEndedWhileTheHookOfItsLossRan)
+{
+    const std::string told = (Directory() / "told").string();
+    const std::string script = "led=; while read role rest; do echo $role >> " + told +
+                               "; [ $role$led = joining1 ] && exit 1; [ $role = leader ] && led=1; done <&3";
+    RunningProgram& program =
+        Run(Standby({"--restart", "always", "--on-lost", "sleep 0.5"}), {"/bin/sh", "-c", script});
+    const auto awaitLead = [&](int times) {
+        Await("the lead, " + std::to_string(times), [&] {
+            std::ifstream file(told);
+            const std::vector<std::string> roles{std::istream_iterator<std::string>(file), {}};
+            return std::count(roles.begin(), roles.end(), "leader") == times;
+        });
+    };
+    awaitLead(1);
+    Tree().Delete(std::string(kElection) + "/" + Queue().front());
+    awaitLead(2);
+    program.Signal(SIGTERM);
+    EXPECT_EQ(program.AwaitExit(), OfSignal(SIGTERM));
+}
+
+TEST_F(RunStandby, LeavesTheQueueAtOnceWhenItIsToldToEndWithoutLeading)
+{
+    RunningProgram& first = Join(Standby(), Service({"roles"}));
+    AwaitRecord("start");
+    RunningProgram& second = Join(Standby({"--grace", "2s"}), Service({"roles", "ignore=15"}));
+    AwaitRecord("start", 2);
+    second.Signal(SIGTERM);
+    AwaitQueue(1);
+    EXPECT_TRUE(second.Running());
+    EXPECT_EQ(second.AwaitExit(), OfSignal(SIGKILL));
+    EndInOrder(first);
 }
 
 TEST_F(RunStandby, RunsWhileThereIsNoServer)

@@ -23,7 +23,11 @@ WardenReport WardenTest::Await()
 {
     std::optional<WardenReport> report;
     testing_support::Await("a report", [&] {
-        report = IsReadable(warden_.Descriptor(), testing_support::kPatience) ? warden_.Receive() : std::nullopt;
+        while (IsReadable(warden_.Descriptor(), testing_support::kPatience) && (report = warden_.Receive()) &&
+               report->what == What::Told)
+        {
+            told_.push_back(report->name);
+        }
         return report.has_value();
     });
     return *report;

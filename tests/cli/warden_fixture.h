@@ -20,7 +20,7 @@ class WardenTest : public ::testing::Test
 protected:
     using What = WardenReport::What;
 
-    /// The next report, waited for.
+    /// The next report, waited for. Those of lines that were passed on come apart, in `told_`.
     WardenReport Await();
     /// The next report, which has to be that.
     WardenReport Await(What what);
@@ -45,6 +45,7 @@ private:
 
 protected:
     Warden warden_;
+    std::vector<std::string> told_;
 };
 
 /// Runs and is not a process that has ended and that nobody has waited for.

@@ -50,6 +50,31 @@ TEST_F(WardenRolesTest, TellsLinesInTheirOrder)
     AwaitTold("joining - -\nfollower - c-0000000042\nleader 4294967301 c-0000000042\n");
 }
 
+TEST_F(WardenRolesTest, ReportsEachLineThatItHasPassedOn)
+{
+    Start(Listener());
+    warden_.Tell("joining - -");
+    warden_.Tell("leader 1 c-0");
+    AwaitHook();
+    EXPECT_EQ(told_, (std::vector<std::string>{"joining - -", "leader 1 c-0"}));
+    EXPECT_EQ(ReadText(File("told")), "joining - -\nleader 1 c-0\n");
+}
+
+TEST_F(WardenRolesTest, PassesNothingOnForALeaseThatIsOver)
+{
+    Launch launch = Listener();
+    launch.lineWhenLeaseRunsOut = "joining - -";
+    Start(launch);
+    warden_.SetLease(BootClock::now() - 1s, BootClock::now() - 1s);
+    warden_.Tell("leader 1 c-0");
+    AwaitHook();
+    warden_.ClearLease();
+    warden_.Tell("follower - c-0");
+    testing_support::Await("the last line is told",
+                           [&] { return ReadText(File("told")).find("follower - c-0\n") != std::string::npos; });
+    EXPECT_EQ(ReadText(File("told")).find("leader"), std::string::npos);
+}
+
 TEST_F(WardenRolesTest, TellsNothingToACommandThatDoesNotHear)
 {
     StartShell("echo \"${VELMOR_ROLE_FD-none}\" > $DIR/number; sleep 1000");

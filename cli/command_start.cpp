@@ -57,7 +57,8 @@ std::vector<std::string> EnvironmentFor(const Launch& launch)
     texts.reserve(variables.size());
     for (const auto& [name, value] : variables)
     {
-        texts.push_back(name + "=" + value);
+        texts.push_back(name);
+        texts.back().append("=").append(value);
     }
     return texts;
 }

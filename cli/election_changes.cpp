@@ -74,7 +74,7 @@ const char* ToString(ElectionChange::Kind kind) noexcept
 
 std::string ChangeText(const ElectionChange& change, std::chrono::system_clock::time_point time)
 {
-    const std::string text = IsoTime(time) + " " + ToString(change.kind);
+    std::string text = IsoTime(time) + " " + ToString(change.kind);
     switch (change.kind)
     {
         case Kind::Disconnected:

@@ -176,33 +176,22 @@ void ServiceRun::OnServiceEnded(int status, bool byTerminal, bool leaseRanOut)
     pid_ = 0;
     awaitsToldOfLoss_ = false;
     DropLease();
-    const bool lost = std::exchange(lostService_, false) || leaseRanOut;
-    if (status_)
+    const bool told = WasTold(now, byTerminal);
+    const bool lost = !told && (lostService_ || leaseRanOut);
+    lostService_ = false;
+    if (!status_ && !told && RunsAgain(options_.restart, lost || status != kSuccess))
     {
-        // It ends with what was the reason.
-    }
-    else if (WasTold(now, byTerminal))
-    {
-        status_ = status;
-    }
-    else if (lost)
-    {
-        // It joins again without delay otherwise, since the command has done nothing wrong.
-        pause_ = milliseconds(0);
-        if (options_.restart == Restart::Never)
-        {
-            KX_LOG(LogLevel::Error, g_log) << "The leadership is lost";
-            status_ = kLeadershipLost;
-        }
-    }
-    else if (RunsAgain(options_.restart, status != kSuccess))
-    {
-        pause_ = delay_.Next(now - serviceStart_);
+        // Without a delay of its own when the command has done nothing wrong.
+        pause_ = lost ? milliseconds(0) : delay_.Next(now - serviceStart_);
         KX_LOG(LogLevel::Info, g_log) << "Joins again at the end of the queue in " << pause_.count() << " ms";
     }
-    else
+    else if (!status_)
     {
-        status_ = status;
+        if (lost)
+        {
+            KX_LOG(LogLevel::Error, g_log) << "The leadership is lost";
+        }
+        status_ = lost ? kLeadershipLost : status;
     }
     interrupted_.reset();
 

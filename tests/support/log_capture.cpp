@@ -1,5 +1,6 @@
 #include "tests/support/log_capture.h"
 
+#include <condition_variable>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -49,13 +50,36 @@ namespace {
 
 // The entry points are free functions: whoever is alive is found through here.
 std::mutex g_currentMutex;
-std::shared_ptr<LogCapture::Sink> g_current;
+LogCapture::Sink* g_current = nullptr;
+/// Statements that are being received.
+int g_receiving = 0;
+std::condition_variable g_received;
 
-std::shared_ptr<LogCapture::Sink> Current()
+/// One statement's hold on whoever is alive, if anybody is.
+class Current
 {
-    const std::lock_guard<std::mutex> lock(g_currentMutex);
-    return g_current;
-}
+public:
+    Current()
+    {
+        const std::lock_guard<std::mutex> lock(g_currentMutex);
+        sink_ = g_current;
+        g_receiving += sink_ != nullptr ? 1 : 0;
+    }
+    ~Current()
+    {
+        const std::lock_guard<std::mutex> lock(g_currentMutex);
+        g_receiving -= sink_ != nullptr ? 1 : 0;
+        g_received.notify_all();
+    }
+
+    Current(const Current&) = delete;
+    Current& operator=(const Current&) = delete;
+
+    LogCapture::Sink* Sink() const { return sink_; }
+
+private:
+    LogCapture::Sink* sink_ = nullptr;
+};
 
 }  // namespace
 
@@ -67,15 +91,17 @@ LogCapture::LogCapture(Journal& journal, std::int32_t minLevel)
     {
         throw std::logic_error("There is a LogCapture already");
     }
-    g_current = sink_;
+    g_current = sink_.get();
     logging::g_minLogLevel = minLevel;
 }
 
 LogCapture::~LogCapture()
 {
-    const std::lock_guard<std::mutex> lock(g_currentMutex);
+    std::unique_lock<std::mutex> lock(g_currentMutex);
     g_current = nullptr;
     logging::g_minLogLevel = previousMinLevel_;
+    // What a statement is noted in may go right after this: there are threads that outlive what they did for a test.
+    g_received.wait(lock, [] { return g_receiving == 0; });
 }
 
 void LogCapture::Watch(std::function<void(const LogRecord&)> look)
@@ -99,9 +125,10 @@ void ForceLockHandlers() {}
 void LogMessage(LogLevel level, unsigned int code, DecodeType decodeType, const std::shared_ptr<const Source>& source,
                 const char* file, int line, const std::string& text, const std::string& extra)
 {
-    if (const auto sink = velmor::testing_support::Current())
+    const velmor::testing_support::Current current;
+    if (current.Sink() != nullptr)
     {
-        sink->Receive({level, code, decodeType, source, file, line, text, extra});
+        current.Sink()->Receive({level, code, decodeType, source, file, line, text, extra});
     }
 }
 

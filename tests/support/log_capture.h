@@ -34,6 +34,7 @@ class LogCapture
 public:
     /// Each statement is noted as "[level] text".
     explicit LogCapture(Journal& journal, std::int32_t minLevel = 0);
+    /// Waits for statements that are being received.
     ~LogCapture();
 
     LogCapture(const LogCapture&) = delete;

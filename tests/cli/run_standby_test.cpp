@@ -123,10 +123,10 @@ TEST_F(RunStandby, LeavesTheQueueAtOnceWhenItIsToldToEndWithoutLeading)
     RunningProgram& first = Join(Standby(), Service({"roles"}));
     AwaitRecord("start");
     RunningProgram& second = Join(Standby({"--grace", "2s"}), Service({"roles", "ignore=15"}));
-    AwaitRecord("start", 2);
+    const pid_t command = AwaitRecord("start", 2).process;
     second.Signal(SIGTERM);
     AwaitQueue(1);
-    EXPECT_TRUE(second.Running());
+    EXPECT_TRUE(Lives(command));
     EXPECT_EQ(second.AwaitExit(), OfSignal(SIGKILL));
     EndInOrder(first);
 }

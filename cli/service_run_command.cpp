@@ -9,7 +9,9 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace kx::velmor::cli {
 
@@ -20,6 +22,9 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 const auto g_log = std::make_shared<const kx::logging::Source>("velmor.run");
+
+/// Who is told through these is this process.
+const std::vector<std::string> kManagersVariables{"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"};
 
 /// As shells have it.
 int StatusOf(int waitStatus)
@@ -41,14 +46,13 @@ void ServiceRun::StartService(std::map<std::string, std::string> environment)
     launch.kind = Launch::Kind::Service;
     launch.command = options_.command;
     launch.environment = std::move(environment);
-    launch.hidden = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"};
+    launch.hidden = kManagersVariables;
     launch.grace = options_.grace;
     if (options_.standby)
     {
         launch.hearsRoles = true;
         launch.lineWhenLeaseRunsOut = kNoRole;
         launch.roleFile = options_.roleFile;
-        launch.environment["VELMOR_ROLE_FD"] = "3";
         if (!options_.roleFile.empty())
         {
             launch.environment["VELMOR_ROLE_FILE"] = options_.roleFile;
@@ -68,7 +72,7 @@ void ServiceRun::StartHook(const char* name, const std::string& command, millise
     launch.name = name;
     launch.command = {"/bin/sh", "-c", command};
     launch.environment = std::move(environment);
-    launch.hidden = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"};
+    launch.hidden = kManagersVariables;
     launch.grace = limit;
     warden_.Start(launch);
 }

@@ -188,7 +188,7 @@ TEST_F(RunHttp, EndsWithAClientThatSaysNothing)
     const int port = Port(program);
     // Connected, and as silent as a scanner of ports.
     std::vector<std::string> quiet{"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) + "; sleep 60"};
-    testing_support::ChildProcess client({quiet, Directory() / "client", {}});
+    process::ChildProcess client({quiet, Directory() / "client", {}});
     program.Signal(SIGTERM);
     EXPECT_EQ(program.AwaitExit(), 0);
     EXPECT_THAT(Queue(), IsEmpty());

@@ -125,7 +125,7 @@ protected:
     }
 
     Terminal terminal_;
-    testing_support::ChildProcess shell_;
+    process::ChildProcess shell_;
 };
 
 TEST_F(RunTerminal, EndsWithTheCommandOnControlC)

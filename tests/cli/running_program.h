@@ -1,7 +1,7 @@
 #pragma once
 
+#include "process/child_process.h"
 #include "tests/support/await.h"
-#include "tests/support/child_process.h"
 
 #include <sys/types.h>
 
@@ -57,7 +57,7 @@ public:
 private:
     const std::filesystem::path output_;
     const std::filesystem::path errors_;
-    testing_support::ChildProcess process_;
+    process::ChildProcess process_;
 };
 
 /// The content of a file; empty when there is none.

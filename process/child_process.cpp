@@ -120,18 +120,17 @@ public:
         std::FILE* const standardError = options.output.empty() ? stderr : log.get();
 
         const pid_t parent = ::getpid();
-        try
+        // Not an exception, which both threads would hold on to.
+        std::error_code failure;
+        RunOnSpawner([&] {
+            child_ = bp::child(
+                bp::exe = program, bp::args = arguments, (bp::std_in < bp::null), (bp::std_out > standardOutput),
+                (bp::std_err > standardError), failure,
+                bp::extend::on_exec_setup = [parent](auto&) { PrepareChild(parent); });
+        });
+        if (failure)
         {
-            RunOnSpawner([&] {
-                child_ = bp::child(
-                    bp::exe = program, bp::args = arguments, (bp::std_in < bp::null), (bp::std_out > standardOutput),
-                    (bp::std_err > standardError),
-                    bp::extend::on_exec_setup = [parent](auto&) { PrepareChild(parent); });
-            });
-        }
-        catch (const bp::process_error& error)
-        {
-            throw std::runtime_error("cannot run " + program + ": " + error.code().message());
+            throw std::runtime_error("cannot run " + program + ": " + failure.message());
         }
         if (onLine_)
         {

@@ -53,7 +53,8 @@ std::mutex g_currentMutex;
 LogCapture::Sink* g_current = nullptr;
 /// Statements that are being received.
 int g_receiving = 0;
-std::condition_variable g_received;
+/// Never destroyed: threads that outlive what they did for a test may still make statements when the process ends.
+std::condition_variable& g_received = *new std::condition_variable;
 
 /// One statement's hold on whoever is alive, if anybody is.
 class Current

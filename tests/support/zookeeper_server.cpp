@@ -66,7 +66,7 @@ public:
              << "4lw.commands.whitelist=*\n"
              << "maxClientCnxns=0\n"
              << "maxSessionTimeout=" << options_.maxSessionTimeout.count() << '\n'
-             << "forceSync=no\n";
+             << "forceSync=" << (options_.forceSync ? "yes" : "no") << '\n';
         if (!peers_.empty())
         {
             file << "initLimit=50\nsyncLimit=20\n";
@@ -92,13 +92,14 @@ public:
         logStart_ = absent ? 0 : static_cast<std::streamoff>(size);
 
         process::ProcessOptions options;
-        options.command = {"java", "-Xmx" + std::to_string(options_.heapMegabytes) + "m", "-XX:+UseSerialGC",
-                           "-XX:TieredStopAtLevel=1",
-                           // No file in /tmp that a killed server leaves behind.
-                           "-XX:-UsePerfData", "-cp", ClassPath(),
-                           peers_.empty() ? "org.apache.zookeeper.server.ZooKeeperServerMain"
-                                          : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
-                           ConfigurationFile().string()};
+        options.command = {
+            "java", "-Xmx" + std::to_string(options_.heapMegabytes) + "m", "-XX:+UseSerialGC",
+            options_.compiler == ServerOptions::Compiler::Best ? "-XX:+TieredCompilation" : "-XX:TieredStopAtLevel=1",
+            // No file in /tmp that a killed server leaves behind.
+            "-XX:-UsePerfData", "-cp", ClassPath(),
+            peers_.empty() ? "org.apache.zookeeper.server.ZooKeeperServerMain"
+                           : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
+            ConfigurationFile().string()};
         options.output = LogFile();
         process_.emplace(std::move(options));
     }

@@ -22,12 +22,23 @@ struct ServerOptions
     std::chrono::milliseconds maxSessionTimeout{60'000};
     /// The port to begin with; 0 for one that is free now.
     std::uint16_t port = 0;
+    /// Whether writes are on the disk before they are answered.
+    bool forceSync = false;
+
+    enum class Compiler
+    {
+        /// Starts fast.
+        Quick,
+        /// As in production: fast once warm.
+        Best,
+    };
+    Compiler compiler = Compiler::Quick;
 };
 
 /// A throwaway ZooKeeper server: a process of its own on a free port of 127.0.0.1, with its own temporary directory.
 ///
 /// Process and directory go with this object, and also when this process ends in any other way. The address stays the
-/// same over restarts. Nothing is written to disk for good (forceSync=no).
+/// same over restarts. Nothing is written to disk for good, unless it is told to.
 ///
 /// Threads: one at a time, except `Address`, `Port` and `Ask`, which any thread may call once the server has been
 /// started. Verbs throw `std::runtime_error`, which quotes the end of the server's log where that helps.

@@ -1,0 +1,105 @@
+// What a session's watches cost by how many paths it watches.
+
+#include "source/watch_registry.h"
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kx::velmor::benchmarks {
+namespace {
+
+using State = WatchRegistry::State;
+
+std::string Path(std::int64_t number)
+{
+    return "/services/" + std::to_string(number) + "/leader/c-0000000042";
+}
+
+/// A registry with as many paths as a benchmark is told, all of them held.
+class Watched
+{
+public:
+    explicit Watched(const benchmark::State& state)
+    {
+        for (std::int64_t number = 0; number < state.range(0); ++number)
+        {
+            held_.push_back(Watch(Path(number)));
+        }
+    }
+
+    /// What the handle of a watch holds.
+    State Watch(const std::string& path)
+    {
+        State state = std::make_shared<Connection::WatchState>();
+        if (!registry.Add(path, state))
+        {
+            throw std::length_error("no room for so many paths");
+        }
+        return state;
+    }
+
+    WatchRegistry registry;
+
+private:
+    std::vector<State> held_;
+};
+
+/// One more watch, and the event of its node.
+void AddAndConsume(benchmark::State& state)
+{
+    Watched watched(state);
+    const std::string path = Path(state.range(0));
+    for (auto _ : state)
+    {
+        const State watch = watched.Watch(path);
+        benchmark::DoNotOptimize(watched.registry.Consume(path, watched.registry.Now()));
+    }
+}
+
+/// As each operation of a session does first; mostly there is nothing to take.
+void TakeNothing(benchmark::State& state)
+{
+    Watched watched(state);
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(watched.registry.TakeReleased([](const std::string& /*path*/) {}));
+    }
+}
+
+/// One more watch, whose handle goes before its node has an event.
+void AddAndTakeReleased(benchmark::State& state)
+{
+    Watched watched(state);
+    const std::string path = Path(state.range(0));
+    for (auto _ : state)
+    {
+        watched.Watch(path).reset();
+        benchmark::DoNotOptimize(watched.registry.TakeReleased([](const std::string& /*path*/) {}));
+    }
+}
+
+/// As for each session event.
+void Snapshot(benchmark::State& state)
+{
+    Watched watched(state);
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(watched.registry.Snapshot(watched.registry.Now()));
+    }
+}
+
+void Paths(benchmark::internal::Benchmark* benchmark)
+{
+    benchmark->Arg(1)->Arg(1'000)->Arg(20'000)->ArgName("paths");
+}
+
+BENCHMARK(AddAndConsume)->Name("watch added and its event")->Apply(Paths);
+BENCHMARK(AddAndTakeReleased)->Name("watch added, let go of and taken")->Apply(Paths);
+BENCHMARK(TakeNothing)->Name("look for watches let go of, none is")->Apply(Paths);
+BENCHMARK(Snapshot)->Name("all watches listed")->Apply(Paths);
+
+}  // namespace
+}  // namespace kx::velmor::benchmarks

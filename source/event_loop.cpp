@@ -59,12 +59,21 @@ void EventLoop::Run()
 
 void EventLoop::Post(Task task, AtExit atExit)
 {
+    Enqueue(std::move(task), atExit);
+    Wake();
+}
+
+void EventLoop::Enqueue(Task task, AtExit atExit)
+{
     const MutexLock lock(mutex_);
-    if (finishing_)
+    if (!finishing_)
     {
-        return;
+        tasks_.emplace_back(std::move(task), atExit);
     }
-    tasks_.emplace_back(std::move(task), atExit);
+}
+
+void EventLoop::Wake()
+{
     changed_.NotifyAll();
 }
 

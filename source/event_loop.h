@@ -40,6 +40,11 @@ public:
     /// Does not block, beyond the queue's own lock. Tasks posted after `Finish` are dropped.
     void Post(Task task, AtExit atExit = AtExit::Drop);
 
+    /// `Post` in two steps, for who holds a lock that the task takes: woken under it, the event thread would only wait
+    /// for it, and be woken a second time. The object must outlive `Wake`.
+    void Enqueue(Task task, AtExit atExit = AtExit::Drop);
+    void Wake();
+
     /// Lets the thread end when it has run what is queued.
     void Finish();
 

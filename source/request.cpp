@@ -30,8 +30,9 @@ bool Request::Finish(int rc, const std::function<void(Request&)>& store)
         }
         rc_ = rc;
         phase_ = Phase::Finished;
-        finished_.NotifyAll();
     }
+    // Not under the lock, which who wakes takes at once.
+    finished_.NotifyAll();
     if (listener_)
     {
         listener_(rc);

@@ -31,7 +31,8 @@ public:
     int Await(Clock::time_point deadline);
 
     /// Finishes the request, with results that `store` writes, unless it is finished or abandoned already.
-    /// Returns false when nobody waits for it any more.
+    /// Returns false when nobody waits for it any more. The caller must hold a reference, since who waits may let go of
+    /// theirs before this returns.
     bool Finish(int rc, const std::function<void(Request&)>& store = {});
 
     /// Results, valid after `Await` returned `ZOK`.

@@ -345,14 +345,17 @@ void SessionCore::Note(const SessionEvent& event)
 
 void SessionCore::OnNodeEvent(std::uint64_t generation, int type, int state, const char* path) noexcept
 {
-    const MutexLock lock(mutex_);
-    if (generation != generation_)
     {
-        return;
+        const MutexLock lock(mutex_);
+        if (generation != generation_)
+        {
+            return;
+        }
+        events_.Enqueue([this, type, state, node = std::string(path), position = watches_.Now()] {
+            DeliverNodeEvent(type, state, node, position);
+        });
     }
-    events_.Post([this, type, state, node = std::string(path), position = watches_.Now()] {
-        DeliverNodeEvent(type, state, node, position);
-    });
+    events_.Wake();
 }
 
 void SessionCore::OnLateWatch(std::uint64_t generation, const std::string& path) noexcept

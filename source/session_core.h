@@ -77,10 +77,11 @@ private:
     struct LiveConnection
     {
         int rc;
-        std::shared_ptr<ClientHandle> handle;
-        std::uint64_t generation;
-        std::uint64_t connection;
-        bool synced;
+        std::shared_ptr<ClientHandle> handle{};
+        std::uint64_t generation = 0;
+        std::uint64_t connection = 0;
+        bool synced = false;
+        bool deletesPending = false;
     };
 
     struct PendingDelete
@@ -137,6 +138,7 @@ private:
     /// Lets go of the states whose handles are gone, and of the client library's watches behind them.
     void DropReleasedWatches();
     void Unwatch(const std::string& path) const;
+    bool Connected() const;
     bool Closed() const;
     std::shared_ptr<ClientHandle> Handle() const;
 

@@ -32,7 +32,6 @@ std::chrono::milliseconds Delay(int attempts)
 
 int SessionCore::GuaranteedDelete(const std::string& path, Clock::time_point deadline)
 {
-    DropReleasedWatches();
     const auto deletion = std::make_shared<PendingDelete>(path);
     {
         const MutexLock lock(mutex_);
@@ -43,6 +42,8 @@ int SessionCore::GuaranteedDelete(const std::string& path, Clock::time_point dea
         pendingDeletes_.push_back(deletion);
     }
     SubmitDeletes(false);
+    // While the request is on its way.
+    DropReleasedWatches();
 
     const MutexLock lock(mutex_);
     bool inTime = true;
@@ -101,23 +102,28 @@ void SessionCore::SubmitDeletes(bool dueOnly)
 
 void SessionCore::OnDeleted(const std::shared_ptr<PendingDelete>& deletion, int rc)
 {
-    const MutexLock lock(mutex_);
-    if (deletion->done)
     {
-        return;
+        const MutexLock lock(mutex_);
+        if (deletion->done)
+        {
+            return;
+        }
+        deletion->inFlight = false;
+        deletion->rc = rc;
+        ++deletion->attempts;
+        if (OutcomeUnknown(rc))
+        {
+            deletion->retryAt = Clock::now() + Delay(deletion->attempts);
+            EnsureKeeper();
+        }
+        else
+        {
+            FinishDelete(*deletion, rc);
+            pendingDeletes_.erase(std::remove(pendingDeletes_.begin(), pendingDeletes_.end(), deletion),
+                                  pendingDeletes_.end());
+        }
     }
-    deletion->inFlight = false;
-    deletion->rc = rc;
-    ++deletion->attempts;
     changed_.NotifyAll();
-    if (OutcomeUnknown(rc))
-    {
-        deletion->retryAt = Clock::now() + Delay(deletion->attempts);
-        EnsureKeeper();
-        return;
-    }
-    FinishDelete(*deletion, rc);
-    pendingDeletes_.erase(std::remove(pendingDeletes_.begin(), pendingDeletes_.end(), deletion), pendingDeletes_.end());
 }
 
 void SessionCore::FinishDelete(PendingDelete& deletion, int rc)

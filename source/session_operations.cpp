@@ -221,7 +221,11 @@ SessionCore::Answer SessionCore::Call(Kind kind, const std::string& path, Clock:
 {
     std::optional<std::uint64_t> generation;
     std::optional<Backoff> backoff;
-    DropReleasedWatches();
+    if (!Connected())
+    {
+        // The wait for a connection may be long.
+        DropReleasedWatches();
+    }
     for (;;)
     {
         const LiveConnection live = AwaitConnection(generation, sessionId, deadline);
@@ -248,7 +252,10 @@ SessionCore::Answer SessionCore::Attempt(Kind kind, const LiveConnection& live, 
                                          Clock::time_point deadline, const Submission& submit)
 {
     // The server answers in the order in which it was asked: what is pending is done before we look.
-    SubmitDeletes(false);
+    if (live.deletesPending)
+    {
+        SubmitDeletes(false);
+    }
     const auto request = std::make_shared<Request>();
     const auto sync = kind == Kind::Read && !live.synced ? std::make_shared<Request>() : nullptr;
     int rc = sync ? live.handle->Sync(sync, path) : static_cast<int>(ZOK);
@@ -257,6 +264,8 @@ SessionCore::Answer SessionCore::Attempt(Kind kind, const LiveConnection& live, 
         return {Settle(rc, live.generation), request};
     }
     rc = submit(*live.handle, request);
+    // While the request is on its way.
+    DropReleasedWatches();
     rc = rc == ZOK ? request->Await(deadline) : rc;
     if (sync && Answered(rc))
     {
@@ -286,20 +295,20 @@ SessionCore::LiveConnection SessionCore::AwaitConnection(std::optional<std::uint
     {
         if (phase_ == SessionState::Closed)
         {
-            return {ZCLOSING, nullptr, 0, 0, false};
+            return {ZCLOSING};
         }
         // What was asked in one session must not be answered by the next.
         if (generation.value_or(generation_) != generation_ || sessionId.value_or(sessionId_) != sessionId_)
         {
-            return {ZSESSIONEXPIRED, nullptr, 0, 0, false};
+            return {ZSESSIONEXPIRED};
         }
         if (phase_ == SessionState::Connected && handle_)
         {
-            return {ZOK, handle_, generation_, connection_, syncedConnection_ == connection_};
+            return {ZOK, handle_, generation_, connection_, syncedConnection_ == connection_, !pendingDeletes_.empty()};
         }
         if (!inTime)
         {
-            return {ZCONNECTIONLOSS, nullptr, 0, 0, false};
+            return {ZCONNECTIONLOSS};
         }
         inTime = changed_.WaitUntil(mutex_, deadline);
     }

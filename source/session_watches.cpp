@@ -54,6 +54,12 @@ void SessionCore::Unwatch(const std::string& path) const
     });
 }
 
+bool SessionCore::Connected() const
+{
+    const MutexLock lock(mutex_);
+    return phase_ == SessionState::Connected;
+}
+
 bool SessionCore::Closed() const
 {
     const MutexLock lock(mutex_);

@@ -1,7 +1,7 @@
 #include "benchmarks/drivers/raw_handle.h"
 
-#include <algorithm>
-#include <iostream>
+#include <atomic>
+#include <string_view>
 #include <utility>
 
 namespace kx::velmor::benchmarks {
@@ -17,12 +17,17 @@ public:
 
     void Join() override
     {
+        left_ = false;
         const std::string node = handle_.Create(electionPath_ + "/c-", ZOO_EPHEMERAL | ZOO_SEQUENCE);
         name_ = node.substr(electionPath_.size() + 1);
         Look();
     }
 
-    void Leave() override { handle_.Delete(electionPath_ + "/" + name_); }
+    void Leave() override
+    {
+        left_ = true;
+        handle_.Delete(electionPath_ + "/" + name_);
+    }
 
 private:
     /// On the thread that joins, and then on the one that the library runs callbacks on.
@@ -60,15 +65,17 @@ private:
 
     static void OnEvent(zhandle_t*, int type, int, const char*, void* context) noexcept
     {
-        if (type == ZOO_DELETED_EVENT)
+        FloorContender& self = *static_cast<FloorContender*>(context);
+        if (type == ZOO_DELETED_EVENT && !self.left_)
         {
-            static_cast<FloorContender*>(context)->Look();
+            self.Look();
         }
     }
 
     const std::string electionPath_;
     const Gained gained_;
     std::string name_;
+    std::atomic<bool> left_{true};
     /// Last, so that nothing calls back any more when the rest goes.
     const RawHandle handle_;
 };

@@ -242,12 +242,9 @@ std::pair<int, Connection::WatchHandle> Session::Exists(std::string path, WatchC
     {
         return {rc, WatchHandle()};
     }
-    auto state = std::make_shared<WatchState>();
-    state->active = true;
-    state->hasCallback = true;
-    state->callback = std::move(callback);
-    rc = core_->WatchExists(fullPath, state, stat);
-    WatchHandle handle(std::move(state));
+    const auto watch = std::make_shared<WatchRegistry::Watch>(std::move(callback));
+    WatchHandle handle(WatchRegistry::Watch::ForHandle(watch));
+    rc = core_->WatchExists(fullPath, watch, stat);
     return {rc, rc == ZOK || rc == ZNONODE ? std::move(handle) : WatchHandle()};
 }
 

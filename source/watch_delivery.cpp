@@ -62,13 +62,11 @@ void TellSessionEvent(const WatchRegistry& watches, WatchRegistry::Position posi
 {
     // A callback that checks again arms anew and lets go of what it held, so each state is looked at just before its
     // turn: who was let go of meanwhile is not told.
-    for (const std::weak_ptr<WatchState>& weak : watches.Snapshot(position))
+    for (const std::weak_ptr<WatchRegistry::Watch>& weak : watches.Snapshot(position))
     {
         const auto fetch = [&] {
-            const WatchRegistry::State held = weak.lock();
-            // This reference, the registry's and the handle's.
-            constexpr int kHeld = 3;
-            return held && held.use_count() >= kHeld ? CopyCallback(*held) : Connection::WatchCallback();
+            const WatchRegistry::State watch = weak.lock();
+            return watch && watch->Held() ? CopyCallback(*watch) : Connection::WatchCallback();
         };
         RunCallback(fetch, ZOO_SESSION_EVENT, state, std::string(), closed);
     }
@@ -79,11 +77,7 @@ void TellNodeEvent(WatchRegistry& watches, WatchRegistry::Position position, int
 {
     for (WatchRegistry::State& consumed : watches.Consume(path, position))
     {
-        const auto fetch = [&] {
-            // This reference and the handle's.
-            constexpr int kHeld = 2;
-            return consumed.use_count() >= kHeld ? TakeCallback(*consumed) : Connection::WatchCallback();
-        };
+        const auto fetch = [&] { return consumed->Held() ? TakeCallback(*consumed) : Connection::WatchCallback(); };
         RunCallback(fetch, type, state, nodePath, closed);
         consumed.reset();
     }

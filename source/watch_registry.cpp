@@ -1,17 +1,12 @@
 #include "source/watch_registry.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace kx::velmor {
 
 namespace {
-
-/// Whether the registry alone refers to a state. Nobody can begin to refer to it again then: handles are not copied.
-bool Released(const WatchRegistry::State& state)
-{
-    return state.use_count() == 1;
-}
 
 /// Less than servers take, since a watch may still be in the client library when its state is gone.
 constexpr std::size_t kMostBytes = 1'000'000;
@@ -24,6 +19,42 @@ std::size_t BytesOf(const std::string& path)
 
 }  // namespace
 
+/// What was let go of and not taken yet.
+struct WatchRegistry::Watch::Released
+{
+    Mutex mutex;
+    States states KX_GUARDED_BY(mutex);
+};
+
+WatchRegistry::Watch::Watch(Connection::WatchCallback function)
+{
+    active = true;
+    hasCallback = true;
+    callback = std::move(function);
+}
+
+std::shared_ptr<Connection::WatchState> WatchRegistry::Watch::ForHandle(const State& watch)
+{
+    return {watch.get(), [share = watch](Connection::WatchState* /*state*/) mutable { LetGo(std::move(share)); }};
+}
+
+void WatchRegistry::Watch::LetGo(State watch) noexcept
+{
+    watch->held_ = false;
+    // Without a registry, the watch ends with its handle.
+    const std::shared_ptr<Released> released = watch->released_.lock();
+    if (!released)
+    {
+        return;
+    }
+    States place = std::move(watch->place_);
+    place.front() = std::move(watch);
+    const MutexLock lock(released->mutex);
+    released->states.splice(released->states.end(), place);
+}
+
+WatchRegistry::WatchRegistry() : released_(std::make_shared<Watch::Released>()) {}
+
 WatchRegistry::Position WatchRegistry::Now() const
 {
     const MutexLock lock(mutex_);
@@ -32,6 +63,8 @@ WatchRegistry::Position WatchRegistry::Now() const
 
 bool WatchRegistry::Add(const std::string& path, const State& state)
 {
+    States one{state};
+    state->place_.resize(1);
     const MutexLock lock(mutex_);
     auto found = entries_.find(path);
     if (found == entries_.end())
@@ -40,33 +73,48 @@ bool WatchRegistry::Add(const std::string& path, const State& state)
         {
             return false;
         }
+        found = entries_.emplace(path, States()).first;
         bytes_ += BytesOf(path);
-        found = entries_.emplace(path, std::vector<Entry>()).first;
     }
-    found->second.push_back(Entry{state, ++now_});
+    state->released_ = released_;
+    state->path_ = &found->first;
+    state->added_ = ++now_;
+    found->second.splice(found->second.end(), one);
     return true;
 }
 
-WatchRegistry::Entries::iterator WatchRegistry::Erase(Entries::iterator path)
+template <typename Condition>
+void WatchRegistry::Move(States& from, States& to, const Condition& condition)
+{
+    for (auto state = from.begin(); state != from.end();)
+    {
+        const auto next = std::next(state);
+        if (condition(**state))
+        {
+            (*state)->path_ = nullptr;
+            to.splice(to.end(), from, state);
+        }
+        state = next;
+    }
+}
+
+void WatchRegistry::Erase(Entries::iterator path)
 {
     bytes_ -= BytesOf(path->first);
-    return entries_.erase(path);
+    entries_.erase(path);
 }
 
 void WatchRegistry::Remove(const std::string& path, const State& state)
 {
+    States removed;
     const MutexLock lock(mutex_);
     const auto found = entries_.find(path);
     if (found == entries_.end())
     {
         return;
     }
-    std::vector<Entry>& watchers = found->second;
-    // The caller's reference keeps the state alive beyond the lock.
-    watchers.erase(
-        std::remove_if(watchers.begin(), watchers.end(), [&](const Entry& entry) { return entry.state == state; }),
-        watchers.end());
-    if (watchers.empty())
+    Move(found->second, removed, [&](const Watch& watch) { return &watch == state.get(); });
+    if (found->second.empty())
     {
         Erase(found);
     }
@@ -81,36 +129,32 @@ WatchRegistry::States WatchRegistry::Consume(const std::string& path, Position p
     {
         return consumed;
     }
-    std::vector<Entry>& watchers = found->second;
-    const auto younger = std::stable_partition(watchers.begin(), watchers.end(),
-                                               [&](const Entry& entry) { return entry.added > position; });
-    std::for_each(younger, watchers.end(), [&](Entry& entry) { consumed.push_back(std::move(entry.state)); });
-    watchers.erase(younger, watchers.end());
-    if (watchers.empty())
+    Move(found->second, consumed, [&](const Watch& watch) { return watch.added_ <= position; });
+    if (found->second.empty())
     {
         Erase(found);
     }
     return consumed;
 }
 
-std::vector<std::weak_ptr<Connection::WatchState>> WatchRegistry::Snapshot(Position position) const
+std::vector<std::weak_ptr<WatchRegistry::Watch>> WatchRegistry::Snapshot(Position position) const
 {
-    std::vector<std::pair<Position, std::weak_ptr<Connection::WatchState>>> held;
+    std::vector<std::pair<Position, std::weak_ptr<Watch>>> held;
     {
         const MutexLock lock(mutex_);
         for (const auto& [path, watchers] : entries_)
         {
-            for (const Entry& entry : watchers)
+            for (const State& state : watchers)
             {
-                if (entry.added < position && !Released(entry.state))
+                if (state->added_ < position && state->Held())
                 {
-                    held.emplace_back(entry.added, entry.state);
+                    held.emplace_back(state->added_, state);
                 }
             }
         }
     }
     std::sort(held.begin(), held.end(), [](const auto& left, const auto& right) { return left.first < right.first; });
-    std::vector<std::weak_ptr<Connection::WatchState>> states;
+    std::vector<std::weak_ptr<Watch>> states;
     states.reserve(held.size());
     for (auto& [added, state] : held)
     {
@@ -123,20 +167,24 @@ WatchRegistry::States WatchRegistry::TakeReleased(const Unwatch& unwatch)
 {
     States released;
     const MutexLock lock(mutex_);
-    for (auto path = entries_.begin(); path != entries_.end();)
     {
-        std::vector<Entry>& watchers = path->second;
-        const auto gone = std::stable_partition(watchers.begin(), watchers.end(),
-                                                [](const Entry& entry) { return !Released(entry.state); });
-        std::for_each(gone, watchers.end(), [&](Entry& entry) { released.push_back(std::move(entry.state)); });
-        watchers.erase(gone, watchers.end());
-        if (!watchers.empty())
+        const MutexLock releasedLock(released_->mutex);
+        released.swap(released_->states);
+    }
+    States dropped;
+    for (const State& state : released)
+    {
+        if (state->path_ == nullptr)
         {
-            ++path;
             continue;
         }
-        unwatch(path->first);
-        path = Erase(path);
+        const auto path = entries_.find(*state->path_);
+        Move(path->second, dropped, [&](const Watch& watch) { return &watch == state.get(); });
+        if (path->second.empty())
+        {
+            unwatch(path->first);
+            Erase(path);
+        }
     }
     return released;
 }
@@ -147,10 +195,7 @@ WatchRegistry::States WatchRegistry::TakeAll()
     const MutexLock lock(mutex_);
     for (auto& [path, watchers] : entries_)
     {
-        for (Entry& entry : watchers)
-        {
-            all.push_back(std::move(entry.state));
-        }
+        Move(watchers, all, [](const Watch& /*watch*/) { return true; });
     }
     entries_.clear();
     bytes_ = 0;
@@ -173,7 +218,7 @@ std::size_t WatchRegistry::HeldCount() const
     for (const auto& [path, watchers] : entries_)
     {
         count += static_cast<std::size_t>(
-            std::count_if(watchers.begin(), watchers.end(), [](const Entry& entry) { return !Released(entry.state); }));
+            std::count_if(watchers.begin(), watchers.end(), [](const State& state) { return state->Held(); }));
     }
     return count;
 }

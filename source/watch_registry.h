@@ -4,9 +4,11 @@
 
 #include <kx/velmor/connection.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -16,15 +18,49 @@ namespace kx::velmor {
 
 /// The watch states of a session by the path that they watch: the connection's share of each.
 ///
-/// A state whose handle has let go of it (nobody but the registry refers to it) is dropped by `TakeReleased`.
+/// A state that its handle has let go of is dropped by `TakeReleased`. It says so itself, so that looking for such
+/// states, which every operation does, costs nothing per state that is held.
 /// No lock is held when a state, and so perhaps a callback, is destroyed: what is dropped is returned to the caller.
 ///
 /// Threads: any.
 class WatchRegistry
 {
 public:
-    using State = std::shared_ptr<Connection::WatchState>;
-    using States = std::vector<State>;
+    class Watch;
+    using State = std::shared_ptr<Watch>;
+    using States = std::list<State>;
+
+    /// An armed watch state. There is one handle to it, which owns what `ForHandle` returns.
+    class Watch : public Connection::WatchState
+    {
+    public:
+        explicit Watch(Connection::WatchCallback function);
+
+        /// To be called once.
+        static std::shared_ptr<Connection::WatchState> ForHandle(const State& watch);
+
+        /// False once the handle has let go of it, for good.
+        bool Held() const { return held_; }
+
+    private:
+        friend class WatchRegistry;
+        struct Released;
+        static void LetGo(State watch) noexcept;
+
+        std::atomic<bool> held_{true};
+
+        // Of whoever adds it, and then of whoever lets go of it.
+
+        std::weak_ptr<Released> released_;
+        /// Room in the list there, so that letting go cannot fail.
+        States place_;
+
+        // Guarded by the registry's lock.
+
+        /// The registry's key; null while it is in none.
+        const std::string* path_ = nullptr;
+        std::uint64_t added_ = 0;
+    };
 
     /// A position in the order of arming and arriving: what is added after `Now` was called is not older than it.
     using Position = std::uint64_t;
@@ -33,11 +69,15 @@ public:
     /// the same path out until it is through, and must not block.
     using Unwatch = std::function<void(const std::string& path)>;
 
+    WatchRegistry();
+
     Position Now() const;
 
     /// False when `path` is new and there is no room for it: after each loss of the connection the client library shows
     /// all watched paths to the next server in one request, and a server drops the connection of whoever sends it more
     /// than 1 MiB, so that one path too many would keep the session from ever connecting again.
+    ///
+    /// The caller holds the handle meanwhile.
     bool Add(const std::string& path, const State& state);
 
     /// Drops one state, armed or not.
@@ -47,9 +87,9 @@ public:
     States Consume(const std::string& path, Position position);
 
     /// What was added before `position` and is still held, oldest first, without keeping it alive.
-    std::vector<std::weak_ptr<Connection::WatchState>> Snapshot(Position position) const;
+    std::vector<std::weak_ptr<Watch>> Snapshot(Position position) const;
 
-    /// Drops every state whose handle has let go of it.
+    /// Drops every state whose handle has let go of it; among what is returned may be some that were dropped before.
     States TakeReleased(const Unwatch& unwatch);
 
     /// Drops everything.
@@ -62,15 +102,16 @@ public:
     std::size_t HeldCount() const;
 
 private:
-    struct Entry
-    {
-        State state;
-        Position added;
-    };
-    using Entries = std::unordered_map<std::string, std::vector<Entry>>;
+    using Entries = std::unordered_map<std::string, States>;
 
-    /// Forgets a path that nobody watches any more; returns what comes after it.
-    Entries::iterator Erase(Entries::iterator path) KX_REQUIRES(mutex_);
+    /// Moves the states to which `condition` applies from a path's to others.
+    template <typename Condition>
+    static void Move(States& from, States& to, const Condition& condition);
+
+    /// Forgets a path that nobody watches any more.
+    void Erase(Entries::iterator path) KX_REQUIRES(mutex_);
+
+    const std::shared_ptr<Watch::Released> released_;
 
     mutable Mutex mutex_;
     mutable Position now_ KX_GUARDED_BY(mutex_) = 0;

@@ -5,13 +5,14 @@
 #include <benchmark/benchmark.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace kx::velmor::benchmarks {
 namespace {
 
-using State = WatchRegistry::State;
+using Handle = std::shared_ptr<Connection::WatchState>;
 
 std::string Path(std::int64_t number)
 {
@@ -31,20 +32,21 @@ public:
     }
 
     /// What the handle of a watch holds.
-    State Watch(const std::string& path)
+    Handle Watch(const std::string& path)
     {
-        State state = std::make_shared<Connection::WatchState>();
-        if (!registry.Add(path, state))
+        const auto watch = std::make_shared<WatchRegistry::Watch>(Connection::WatchCallback());
+        Handle handle = WatchRegistry::Watch::ForHandle(watch);
+        if (!registry.Add(path, watch))
         {
             throw std::length_error("no room for so many paths");
         }
-        return state;
+        return handle;
     }
 
     WatchRegistry registry;
 
 private:
-    std::vector<State> held_;
+    std::vector<Handle> held_;
 };
 
 /// One more watch, and the event of its node.
@@ -54,7 +56,7 @@ void AddAndConsume(benchmark::State& state)
     const std::string path = Path(state.range(0));
     for (auto _ : state)
     {
-        const State watch = watched.Watch(path);
+        const Handle watch = watched.Watch(path);
         benchmark::DoNotOptimize(watched.registry.Consume(path, watched.registry.Now()));
     }
 }

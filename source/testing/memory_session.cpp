@@ -109,13 +109,10 @@ std::pair<int, Connection::WatchHandle> MemorySession::Exists(std::string path, 
     {
         return {ZBADARGUMENTS, WatchHandle()};
     }
-    auto state = std::make_shared<WatchState>();
-    state->active = true;
-    state->hasCallback = true;
-    state->callback = std::move(callback);
+    const auto watch = std::make_shared<WatchRegistry::Watch>(std::move(callback));
+    WatchHandle handle(WatchRegistry::Watch::ForHandle(watch));
     NodeTree::Node node;
-    const int rc = record_->service->Watch(*record_, record_->InTree(path), state, node);
-    WatchHandle handle(std::move(state));
+    const int rc = record_->service->Watch(*record_, record_->InTree(path), watch, node);
     if (rc == ZOK && stat != nullptr)
     {
         *stat = StatOf(node);

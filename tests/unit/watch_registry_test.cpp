@@ -18,16 +18,19 @@ using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 using WatchState = Connection::WatchState;
 using State = WatchRegistry::State;
+/// What the handle of a state holds.
+using Handle = std::shared_ptr<WatchState>;
 
 class WatchRegistryTest : public ::testing::Test
 {
 protected:
     /// What the handle of a state holds.
-    State Add(const std::string& path)
+    Handle Add(const std::string& path, Connection::WatchCallback callback = nullptr)
     {
-        auto state = std::make_shared<WatchState>();
-        registry.Add(path, state);
-        return state;
+        const auto watch = std::make_shared<WatchRegistry::Watch>(std::move(callback));
+        Handle handle = WatchRegistry::Watch::ForHandle(watch);
+        registry.Add(path, watch);
+        return handle;
     }
 
     WatchRegistry::States TakeReleased()
@@ -38,22 +41,44 @@ protected:
     std::vector<State> Snapshot(WatchRegistry::Position position) const
     {
         std::vector<State> states;
-        for (const std::weak_ptr<WatchState>& weak : registry.Snapshot(position))
+        for (const std::weak_ptr<WatchRegistry::Watch>& weak : registry.Snapshot(position))
         {
             states.push_back(weak.lock());
         }
         return states;
     }
 
+    void Remove(const std::string& path, const Handle& handle)
+    {
+        registry.Remove(path, std::static_pointer_cast<WatchRegistry::Watch>(handle));
+    }
+
     WatchRegistry registry;
     std::vector<std::string> unwatched;
 };
 
+TEST_F(WatchRegistryTest, WatchIsArmedAndHeldUntilItsHandleLetsGoOfIt)
+{
+    int told = 0;
+    const auto watch = std::make_shared<WatchRegistry::Watch>([&](int, int, const std::string&) { ++told; });
+    Handle handle = WatchRegistry::Watch::ForHandle(watch);
+    EXPECT_EQ(handle, watch);
+    EXPECT_TRUE(watch->active);
+    EXPECT_TRUE(watch->hasCallback);
+    watch->callback(0, 0, "");
+    EXPECT_EQ(told, 1);
+    EXPECT_TRUE(watch->Held());
+    Handle moved = std::move(handle);
+    EXPECT_TRUE(watch->Held());
+    moved.reset();
+    EXPECT_FALSE(watch->Held());
+}
+
 TEST_F(WatchRegistryTest, NodeEventConsumesTheStatesOfItsPath)
 {
-    const State first = Add("/a");
-    const State second = Add("/a");
-    const State other = Add("/b");
+    const Handle first = Add("/a");
+    const Handle second = Add("/a");
+    const Handle other = Add("/b");
     const WatchRegistry::Position event = registry.Now();
     EXPECT_THAT(registry.Consume("/a", event), ElementsAre(first, second));
     EXPECT_THAT(registry.Consume("/a", event), IsEmpty());
@@ -63,20 +88,20 @@ TEST_F(WatchRegistryTest, NodeEventConsumesTheStatesOfItsPath)
 
 TEST_F(WatchRegistryTest, NodeEventLeavesWhatWasArmedAfterIt)
 {
-    const State before = Add("/a");
+    const Handle before = Add("/a");
     const WatchRegistry::Position event = registry.Now();
-    const State after = Add("/a");
+    const Handle after = Add("/a");
     EXPECT_THAT(registry.Consume("/a", event), ElementsAre(before));
     EXPECT_THAT(registry.Consume("/a", registry.Now()), ElementsAre(after));
 }
 
 TEST_F(WatchRegistryTest, SnapshotIsInTheOrderOfArmingAndConsumesNothing)
 {
-    const State first = Add("/b");
-    const State second = Add("/a");
-    const State third = Add("/b");
+    const Handle first = Add("/b");
+    const Handle second = Add("/a");
+    const Handle third = Add("/b");
     const WatchRegistry::Position event = registry.Now();
-    const State after = Add("/c");
+    const Handle after = Add("/c");
     EXPECT_THAT(Snapshot(event), ElementsAre(first, second, third));
     EXPECT_THAT(Snapshot(event), ElementsAre(first, second, third));
     EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(first, second, third, after));
@@ -84,8 +109,8 @@ TEST_F(WatchRegistryTest, SnapshotIsInTheOrderOfArmingAndConsumesNothing)
 
 TEST_F(WatchRegistryTest, SnapshotNeitherHasNorKeepsWhatWasLetGoOf)
 {
-    State released = Add("/a");
-    State dropped = Add("/a");
+    Handle released = Add("/a");
+    Handle dropped = Add("/a");
     released.reset();
     const auto snapshot = registry.Snapshot(registry.Now());
     ASSERT_EQ(snapshot.size(), 1U);
@@ -96,9 +121,9 @@ TEST_F(WatchRegistryTest, SnapshotNeitherHasNorKeepsWhatWasLetGoOf)
 
 TEST_F(WatchRegistryTest, ReleasedStatesAreTakenAndTheirPathsUnwatched)
 {
-    State alone = Add("/a");
-    State one = Add("/b");
-    const State another = Add("/b");
+    Handle alone = Add("/a");
+    Handle one = Add("/b");
+    const Handle another = Add("/b");
     const WatchState* const aloneState = alone.get();
     const WatchState* const oneState = one.get();
     alone.reset();
@@ -118,41 +143,93 @@ TEST_F(WatchRegistryTest, ReleasedStatesAreTakenAndTheirPathsUnwatched)
     EXPECT_EQ(registry.HeldCount(), 1U);
 }
 
+TEST_F(WatchRegistryTest, WatchLetGoOfAfterItsEventLeavesItsPathWatched)
+{
+    Handle consumed = Add("/a");
+    Handle removed = Add("/a");
+    registry.Consume("/a", registry.Now() - 1);
+    Remove("/a", removed);
+    const Handle armedAgain = Add("/a");
+    consumed.reset();
+    removed.reset();
+    TakeReleased();
+    EXPECT_THAT(unwatched, IsEmpty());
+    EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(armedAgain));
+}
+
+TEST_F(WatchRegistryTest, LargeNumbersAreLetGoOfOneByOne)
+{
+    constexpr int kMany = 20'000;
+    std::vector<Handle> handles;
+    for (int number = 0; number < kMany; ++number)
+    {
+        handles.push_back(Add("/" + std::to_string(number)));
+    }
+    for (Handle& handle : handles)
+    {
+        handle.reset();
+    }
+    EXPECT_EQ(TakeReleased().size(), handles.size());
+    EXPECT_EQ(unwatched.size(), handles.size());
+    EXPECT_EQ(registry.HeldCount(), 0U);
+}
+
+TEST(WatchRegistryEndTest, HandlesMayOutliveTheRegistry)
+{
+    auto registry = std::make_unique<WatchRegistry>();
+    const auto captured = std::make_shared<int>();
+    const auto add = [&] {
+        auto watch = std::make_shared<WatchRegistry::Watch>([captured](int, int, const std::string&) {});
+        Handle handle = WatchRegistry::Watch::ForHandle(watch);
+        registry->Add("/a", watch);
+        return handle;
+    };
+    Handle before = add();
+    Handle after = add();
+    Handle last = add();
+    before.reset();
+    registry.reset();
+    after.reset();
+    EXPECT_EQ(captured.use_count(), 2) << "held by one handle";
+    last.reset();
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
 TEST_F(WatchRegistryTest, ReleasedStateIsDestroyedOutsideTheLock)
 {
-    State state = Add("/a");
     bool destroyed = false;
-    state->callback = [probe = std::shared_ptr<void>(nullptr, [&](void*) {
-                           // Would wait for ever if the registry's lock were held.
-                           EXPECT_EQ(registry.HeldCount(), 0U);
-                           destroyed = true;
-                       })](int, int, const std::string&) {};
+    Handle state = Add("/a", [probe = std::shared_ptr<void>(nullptr, [&](void*) {
+                                  // Would wait for ever if the registry's lock were held.
+                                  EXPECT_EQ(registry.HeldCount(), 0U);
+                                  destroyed = true;
+                              })](int, int, const std::string&) {});
     state.reset();
+    EXPECT_FALSE(destroyed) << "whoever lets go may hold any lock";
     TakeReleased();
     EXPECT_TRUE(destroyed);
 }
 
 TEST_F(WatchRegistryTest, RemoveDropsOneStateOnly)
 {
-    const State one = Add("/a");
-    const State another = Add("/a");
-    registry.Remove("/a", one);
-    EXPECT_EQ(one.use_count(), 1);
+    const Handle one = Add("/a");
+    const Handle another = Add("/a");
+    Remove("/a", one);
+    EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(another));
     EXPECT_EQ(registry.HeldCount(), 1U);
-    registry.Remove("/a", one);
-    registry.Remove("/none", one);
+    Remove("/a", one);
+    Remove("/none", one);
     EXPECT_EQ(registry.HeldCount(), 1U);
-    registry.Remove("/a", another);
+    Remove("/a", another);
     EXPECT_EQ(registry.HeldCount(), 0U);
 }
 
 TEST_F(WatchRegistryTest, PathIsUnwatchedOnlyWhenNoStateWatchesIt)
 {
     const auto unwatch = [this](const std::string& path) { unwatched.push_back(path); };
-    State state = Add("/a");
+    Handle state = Add("/a");
     registry.UnwatchIfUnwatched("/a", unwatch);
     EXPECT_THAT(unwatched, IsEmpty());
-    registry.Remove("/a", state);
+    Remove("/a", state);
     registry.UnwatchIfUnwatched("/a", unwatch);
     EXPECT_THAT(unwatched, ElementsAre("/a"));
 
@@ -185,26 +262,26 @@ TEST_F(WatchRegistryTest, PathsTakeNoMoreRoomThanARequestHas)
 {
     const std::string half = "/" + std::string(499'995, 'a');
     const std::string other = "/" + std::string(499'995, 'b');
-    State state = Add(half);
-    const State second = Add(other);
-    const auto oneMore = std::make_shared<WatchState>();
+    Handle state = Add(half);
+    const Handle second = Add(other);
+    const auto oneMore = std::make_shared<WatchRegistry::Watch>(nullptr);
     EXPECT_FALSE(registry.Add("/", oneMore));
     EXPECT_TRUE(registry.Add(half, oneMore)) << "the path is there already";
 
     registry.Remove(half, oneMore);
     EXPECT_FALSE(registry.Add("/", oneMore)) << "the path is still watched";
-    registry.Remove(half, state);
+    Remove(half, state);
     EXPECT_TRUE(registry.Add("/", oneMore));
 }
 
 TEST_F(WatchRegistryTest, TakeAllLeavesNothing)
 {
-    const State held = Add("/a");
+    const Handle held = Add("/a");
     Add("/b").reset();
     EXPECT_EQ(registry.TakeAll().size(), 2U);
     EXPECT_EQ(registry.HeldCount(), 0U);
     EXPECT_THAT(registry.TakeAll(), IsEmpty());
-    EXPECT_EQ(held.use_count(), 1);
+    EXPECT_EQ(registry.HeldCount(), 0U);
 }
 
 }  // namespace

@@ -201,7 +201,8 @@ void CandidateCore::ShutDown()
 BootClock::duration CandidateCore::LeaseLeft() const noexcept
 {
     const BootClock::time_point end = lease_->End();
-    return end - session_->Now();
+    // Most candidates do not lead, and the clock takes many times as long to read as the lease.
+    return end == BootClock::time_point() ? BootClock::duration::zero() : end - session_->Now();
 }
 
 bool CandidateCore::Stands(std::uint64_t stay) const noexcept

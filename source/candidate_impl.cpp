@@ -84,9 +84,8 @@ std::string CandidateImpl::FindOurNode() const
     const std::unique_ptr<clientid_t> self = connection_->ClientId();
     for (const std::string& child : children)
     {
-        std::string path = electionPath_ + "/" + child;
         Stat stat{};
-        const int rc = connection_->Exists(path, &stat);
+        const int rc = connection_->Exists(electionPath_ + "/" + child, &stat);
         if (rc == ZNONODE)
         {
             continue;
@@ -97,7 +96,7 @@ std::string CandidateImpl::FindOurNode() const
         }
         if (self && stat.ephemeralOwner == self->client_id)
         {
-            return path;
+            return electionPath_ + "/" + child;
         }
     }
     return std::string();

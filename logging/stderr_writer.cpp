@@ -8,27 +8,30 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 namespace kx::logging::details {
 
 namespace {
 
-/// While it lives, writing to a pipe without a reader fails instead of ending the process.
+/// While it lives, writing to a pipe without a reader fails instead of ending the process. Keeps the caller's `errno`.
 class SigpipeHeldBack
 {
 public:
-    SigpipeHeldBack() noexcept
+    SigpipeHeldBack() noexcept : errnoBefore_(std::exchange(errno, 0))
     {
         sigemptyset(&sigpipe_);
         sigaddset(&sigpipe_, SIGPIPE);
-        sigset_t pending;
-        wasPending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
         pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
+        // A thread that did not block it has none.
+        sigset_t pending;
+        wasPending_ =
+            sigismember(&before_, SIGPIPE) == 1 && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
     }
 
     ~SigpipeHeldBack()
     {
-        if (!wasPending_)
+        if (errno == EPIPE && !wasPending_)
         {
             // Ours goes, one that was there before stays. A write raises it on the writing thread, hence at once.
             const timespec noWait{};
@@ -36,12 +39,14 @@ public:
             {}
         }
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        errno = errnoBefore_;
     }
 
     SigpipeHeldBack(const SigpipeHeldBack&) = delete;
     SigpipeHeldBack& operator=(const SigpipeHeldBack&) = delete;
 
 private:
+    const int errnoBefore_;
     sigset_t sigpipe_;
     sigset_t before_;
     bool wasPending_;

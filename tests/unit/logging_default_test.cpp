@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -413,6 +415,33 @@ TEST_F(LoggingDefaultDeathTest, PipeWithoutAReaderLosesLinesAndDoesNoOtherHarm)
     };
     EXPECT_EXIT(logToNobody(), testing::KilledBySignal(SIGPIPE),
                 AllOf(Not(HasSubstr("to nobody")), HasSubstr("to somebody\n")));
+}
+
+TEST_F(LoggingDefaultDeathTest, SignalOfAPipeIsLeftAsItWas)
+{
+    const auto logToNobody = [this] {
+        std::array<int, 2> ends{};
+        sigset_t sigpipe;
+        sigemptyset(&sigpipe);
+        sigaddset(&sigpipe, SIGPIPE);
+        if (pipe(ends.data()) != 0 || pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr) != 0)
+        {
+            std::exit(1);
+        }
+        close(ends[0]);
+        const StderrReplaced replaced(ends[1]);
+        const auto pending = [] {
+            sigset_t signals;
+            return sigpending(&signals) == 0 && sigismember(&signals, SIGPIPE) == 1;
+        };
+        errno = ENOENT;
+        KX_LOG(LogLevel::Info, source_) << "to nobody";
+        const bool left = !pending() && errno == ENOENT;
+        raise(SIGPIPE);
+        KX_LOG(LogLevel::Info, source_) << "to nobody";
+        std::exit(left && pending() ? 0 : 2);
+    };
+    EXPECT_EXIT(logToNobody(), ExitedWithCode(0), "");
 }
 
 // Before and after main

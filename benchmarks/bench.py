@@ -1,0 +1,131 @@
+#!/usr/bin/env python3
+"""What an election costs, beside the least that it could cost and beside what a user would pick instead.
+
+script/bench builds what this runs. Everybody who can be asked in turns is, within one run, so that the ratios hold on any
+machine, also on one that is not quiet.
+"""
+
+from __future__ import annotations
+
+import argparse
+import datetime
+import json
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+from harness import machine, plots, report
+from harness.figures import compare
+from harness.measures import FULL, QUICK, Bench
+from harness.processes import Contender, ContenderFailed, Setting
+
+ROOT = Path(__file__).resolve().parent.parent
+
+
+def contenders(build: Path) -> list[Contender]:
+    driver = str(build / "benchmarks/drivers/velmor_bench_driver")
+    peers = ROOT / "benchmarks/peers"
+    kazoo = (sys.executable, str(peers / "kazoo_driver.py"))
+    curator = (str(peers / "curator_driver"),)
+    return [
+        Contender("floor", (driver, "--contender=floor"), peer=False, most_candidates=1000),
+        Contender("recipe", (driver, "--contender=recipe"), peer=False, most_candidates=1000),
+        Contender("candidate", (driver, "--contender=candidate"), peer=False, most_candidates=1000),
+        Contender("kazoo-election", (*kazoo, "--recipe=election")),
+        Contender("kazoo-lock", (*kazoo, "--recipe=lock")),
+        Contender("curator-latch", (*curator, "--recipe=latch")),
+        Contender("curator-selector", (*curator, "--recipe=selector")),
+        Contender("etcdctl", (sys.executable, str(peers / "etcd_driver.py")), every=10, fails_over=False,
+                  extra=("fsync", "own-servers")),
+    ]
+
+
+def measure(bench: Bench, quick: bool) -> None:
+    effort = QUICK if quick else FULL
+    for candidates in effort.sizes:
+        bench.handovers(Setting(), candidates, effort.rounds if candidates < 500 else effort.few_rounds)
+    for setting in (Setting(fsync=True), Setting(servers=3), Setting(servers=3, fsync=True)):
+        if not quick or setting == Setting(servers=3):
+            bench.handovers(setting, 3, effort.few_rounds)
+    for position in effort.joins:
+        bench.joins(position, effort.few_rounds if position < 1000 else effort.few_rounds // 5)
+    for candidates in (3, 10, 50) if quick else (3, 10, 50, 200):
+        bench.requests(candidates)
+    for candidates in effort.crowds:
+        bench.crowds(candidates)
+    bench.event_rates(3 if quick else 10)
+    bench.failovers(effort.failovers)
+
+
+def micro_benchmarks(build: Path, quick: bool) -> list[dict[str, object]]:
+    program = build / "benchmarks/micro/velmor_micro_benchmarks"
+    seconds = "0.02" if quick else "0.2"
+    command = [str(program), "--benchmark_format=json", f"--benchmark_min_time={seconds}"]
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+    if done.returncode != 0:
+        raise ContenderFailed(f"{program.name}: {done.stderr.decode(errors='replace').strip()}")
+    return json.loads(done.stdout)["benchmarks"]
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(prog="script/bench", description=__doc__.split("\n")[0])
+    parser.add_argument("--build", type=Path, required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--quick", action="store_true", help="less of everything, within five minutes")
+    parser.add_argument("--seed", type=int, default=1, help="of the order in which contenders are asked")
+    parser.add_argument("--only", metavar="NAME,...", help="these contenders, and the floor")
+    parser.add_argument("--results", type=Path, default=ROOT / "benchmarks/results", metavar="DIRECTORY",
+                        help="where to write, instead of benchmarks/results")
+    parser.add_argument("--report", type=Path, metavar="FILE", help="measure nothing: show what such a file holds, and draw it")
+    options = parser.parse_args()
+    # Whoever ends this ends what it has started.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+
+    if options.report:
+        result = json.loads(options.report.read_text())
+        print(report.as_text(result))
+        plots.draw(result, options.report.with_suffix(""))
+        return 0
+
+    options.results.mkdir(parents=True, exist_ok=True)
+    effort = QUICK if options.quick else FULL
+    wanted = contenders(options.build)
+    if options.only:
+        names = {"floor", *options.only.split(",")}
+        if unknown := names - {contender.name for contender in wanted}:
+            parser.error(f"nobody is called {', '.join(sorted(unknown))}")
+        wanted = [contender for contender in wanted if contender.name in names]
+    bench = Bench(options.build / "benchmarks/servers/velmor_bench_servers", wanted, effort, options.seed)
+    measure(bench, options.quick)
+    bench.progress.begin("single operations")
+    micro = micro_benchmarks(options.build, options.quick)
+    compare(bench.figures, "floor")
+
+    today = datetime.date.today().isoformat()
+    result = {
+        "date": today,
+        "command": "script/bench" + (" --quick" if options.quick else ""),
+        "machine": machine.describe(),
+        "revision": machine.revision(ROOT),
+        "seed": options.seed,
+        "left_out": bench.left_out,
+        "failures": bench.failures,
+        "figures": [figure.as_json() for figure in bench.figures],
+        "micro": micro,
+    }
+    path = options.results / f"{today}{'-quick' if options.quick else ''}.json"
+    path.write_text(json.dumps(result, indent=1) + "\n")
+    print(report.as_text(result))
+    drawn = plots.draw(result, path.with_suffix(""))
+    print(f"\nWritten: {path}" + "".join(f", {plot}" for plot in drawn))
+    return 1 if bench.failures else 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except ContenderFailed as error:
+        print(f"script/bench: {error}", file=sys.stderr)
+        sys.exit(1)
+    except KeyboardInterrupt:
+        sys.exit(130)

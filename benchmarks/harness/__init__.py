@@ -1,0 +1,1 @@
+"""What bench.py is made of."""

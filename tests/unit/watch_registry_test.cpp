@@ -174,6 +174,40 @@ TEST_F(WatchRegistryTest, LargeNumbersAreLetGoOfOneByOne)
     EXPECT_EQ(registry.HeldCount(), 0U);
 }
 
+TEST_F(WatchRegistryTest, HandlesGoOnOtherThreadsWhileEventsComeAndReleasedOnesAreTaken)
+{
+    constexpr int kRounds = 2'000;
+    std::atomic<bool> over{false};
+    std::thread events([&] {
+        while (!over)
+        {
+            for (const std::weak_ptr<WatchRegistry::Watch>& weak : registry.Snapshot(registry.Now()))
+            {
+                const State watch = weak.lock();
+                EXPECT_TRUE(watch == nullptr || watch->active);
+            }
+            registry.Consume("/a", registry.Now());
+        }
+    });
+    std::thread operations([&] {
+        while (!over)
+        {
+            registry.TakeReleased([](const std::string& /*path*/) {});
+        }
+    });
+    for (int round = 0; round < kRounds; ++round)
+    {
+        std::vector<Handle> handles{Add("/a"), Add("/b"), Add("/c")};
+        std::thread([given = std::move(handles)]() mutable { given.clear(); }).join();
+    }
+    over = true;
+    events.join();
+    operations.join();
+    EXPECT_EQ(registry.HeldCount(), 0U);
+    TakeReleased();
+    EXPECT_THAT(registry.TakeAll(), IsEmpty());
+}
+
 TEST(WatchRegistryEndTest, HandlesMayOutliveTheRegistry)
 {
     auto registry = std::make_unique<WatchRegistry>();

@@ -63,6 +63,7 @@ int ListingConnection::Create(std::string path, const std::string& /*data*/, con
     {
         throw std::logic_error("not a candidate's node: " + path);
     }
+    beforeCreation_ += std::chrono::steady_clock::now() - listed_;
     const std::string name = Name(listing_.size());
     // Somewhere in the middle, as with servers.
     listing_.push_back(name);
@@ -74,6 +75,7 @@ int ListingConnection::Create(std::string path, const std::string& /*data*/, con
 
 int ListingConnection::GetChildren(std::string /*path*/, std::vector<std::string>& children) const
 {
+    listed_ = std::chrono::steady_clock::now();
     children = listing_;
     return ZOK;
 }

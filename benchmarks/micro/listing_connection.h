@@ -2,6 +2,7 @@
 
 #include <kx/velmor/connection.h>
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -30,6 +31,9 @@ public:
     /// Has a watch tell that the connection is there again, upon which a candidate checks.
     void TellReconnection() const;
 
+    /// How long all joinings together have taken from their first listing to the creation of their node.
+    std::chrono::nanoseconds BeforeCreation() const { return beforeCreation_; }
+
     /// Lets go of all watches, which hold candidates.
     void DropWatches() { watches_.clear(); }
 
@@ -48,6 +52,8 @@ private:
     /// The path of this session's node.
     mutable std::string own_;
     mutable std::unordered_map<std::string, std::shared_ptr<WatchState>> watches_;
+    mutable std::chrono::steady_clock::time_point listed_;
+    mutable std::chrono::nanoseconds beforeCreation_{0};
 };
 
 }  // namespace kx::velmor::benchmarks

@@ -13,6 +13,8 @@ int main(int argc, char** argv)
     {
         return 1;
     }
+    // The library's warning of a build for debugging is about itself: Debian leaves its assertions in.
+    benchmark::AddCustomContext("Velmor's build", VELMOR_BUILD);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 }

@@ -12,7 +12,7 @@ With one session per process, whoever left joins again as a new process with a n
 as for all drivers. The session's time to live is etcdctl's own (60 s), --session-timeout and --servers are not heeded.
 What is waited for before an answer: all nodes are there, and all but one watch another.
 
-Whatever ends this driver, the server and the candidates end with it, and a shell that outlives it removes their directory.
+Whatever ends this driver, the server and the candidates end with it. A shell that outlives it removes their directory.
 """
 
 import base64
@@ -293,7 +293,8 @@ def main() -> None:
         if shutil.which(program) is None:
             raise Missing(f"needs {package}")
     options = parser(__doc__)
-    options.add_argument("--fsync", choices=("on", "off"), default="off", help="whether the server forces its log to disk")
+    options.add_argument("--fsync", choices=("on", "off"), default="off",
+                         help="whether the server forces its log to disk")
     arguments = checked(options.parse_args())
     if arguments.standby:
         raise Trouble("--standby is not possible, since each of these drivers has a server of its own")

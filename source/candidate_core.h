@@ -72,6 +72,8 @@ private:
 
         bool first = false;
         bool second = false;
+        /// When it is to read what it needs to claim the lead; of one that is second.
+        BootClock::time_point prepareAt = BootClock::time_point::max();
         /// Counts what the recipe found.
         int findings = 0;
         /// Something has changed since the worker looked.
@@ -141,6 +143,7 @@ private:
     enum class Duty
     {
         Claim,
+        Prepare,
         Look,
         Leave,
     };
@@ -161,6 +164,7 @@ private:
     BootClock::time_point Claim(QueuePlace& place);
     /// False when the servers were not heard from for so long that it cannot.
     bool Lead(const QueuePlace& place);
+    void Prepare(QueuePlace& place);
     void Look(QueuePlace& place);
     /// Takes up a position in the queue, which may be none.
     void TakePosition(std::optional<std::size_t> position) KX_REQUIRES(mutex_);

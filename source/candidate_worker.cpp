@@ -22,6 +22,9 @@ constexpr int kLeadersLooksPerTimeout = 3;
 
 constexpr int kRetriesPerTimeout = 10;
 
+/// The one that leads now may still be claiming the lead, which outdates what was read before.
+constexpr milliseconds kPreparationDelay{20};
+
 /// A wait by a clock that stands still while the machine sleeps, or that only a test moves.
 constexpr std::chrono::seconds kLongestNap{1};
 
@@ -250,6 +253,10 @@ void CandidateCore::HoldPlace(QueuePlace& place)
             // At once, since it sets up what tells of the end.
             lookAt = BootClock::time_point();
         }
+        else if (duty == Duty::Prepare)
+        {
+            Prepare(place);
+        }
         else
         {
             Look(place);
@@ -285,7 +292,13 @@ CandidateCore::Duty CandidateCore::AwaitDuty(BootClock::time_point claimAt, Boot
             stay_.news = false;
             return claimDue ? Duty::Claim : Duty::Look;
         }
-        AwaitNews(claiming ? std::min(claimAt, lookAt) : lookAt);
+        const BootClock::time_point prepareAt = stay_.second ? stay_.prepareAt : BootClock::time_point::max();
+        if (prepareAt <= now)
+        {
+            stay_.prepareAt = BootClock::time_point::max();
+            return Duty::Prepare;
+        }
+        AwaitNews(std::min(claiming ? std::min(claimAt, lookAt) : lookAt, prepareAt));
     }
 }
 
@@ -345,6 +358,18 @@ bool CandidateCore::Lead(const QueuePlace& place)
     return true;
 }
 
+void CandidateCore::Prepare(QueuePlace& place)
+{
+    try
+    {
+        place.PrepareToClaim();
+    }
+    catch (const std::exception& error)
+    {
+        Report("could not prepare to lead", error);
+    }
+}
+
 void CandidateCore::Look(QueuePlace& place)
 {
     int findings = 0;
@@ -397,6 +422,10 @@ void CandidateCore::TakePosition(std::optional<std::size_t> position)
     // Found by the recipe, or by a look: a check of the recipe's that got no answer is not repeated, and of somebody
     // who came to stand ahead it does not hear.
     stay_.first = *position == 0;
+    if (*position == 1 && !stay_.second)
+    {
+        stay_.prepareAt = session_->Now() + kPreparationDelay;
+    }
     stay_.second = *position == 1;
     if (stay_.joined)
     {

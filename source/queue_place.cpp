@@ -150,21 +150,39 @@ bool QueuePlace::HaveIdentity() const
     return data == signature_;
 }
 
+std::optional<QueuePlace::LastClaim> QueuePlace::ReadLastClaim() const
+{
+    std::string epoch;
+    Stat stat{};
+    const int rc = session_->GetData(IdentitiesPath(electionPath_), epoch, &stat);
+    if (rc == ZNONODE)
+    {
+        return std::nullopt;
+    }
+    Require(rc);
+    return LastClaim{DecodeEpoch(epoch), stat.mzxid, stat.version};
+}
+
+void QueuePlace::PrepareToClaim()
+{
+    lastClaim_ = ReadLastClaim();
+}
+
 QueuePlace::Claim QueuePlace::TryToClaim()
 {
     for (;;)
     {
-        std::string last;
-        Stat stat{};
-        const int read = session_->GetData(IdentitiesPath(electionPath_), last, &stat);
-        if (read == ZNONODE)
+        std::optional<LastClaim> last = std::exchange(lastClaim_, std::nullopt);
+        if (!last)
+        {
+            last = ReadLastClaim();
+        }
+        if (!last)
         {
             return Claim::Gone;
         }
-        Require(read);
         // What was written before it can have been reached is no epoch.
-        const std::int64_t lastEpoch = DecodeEpoch(last);
-        if (lastEpoch > epoch_ && lastEpoch < stat.mzxid)
+        if (last->epoch > epoch_ && last->epoch < last->written)
         {
             return Claim::Outdated;
         }
@@ -176,12 +194,12 @@ QueuePlace::Claim QueuePlace::TryToClaim()
         const int rc =
             session_->TransactIn(sessionId_,
                                  {Operation::Check(path_), Operation::Check(identityPath_),
-                                  Operation::Set(IdentitiesPath(electionPath_), EncodeEpoch(epoch_), stat.version),
+                                  Operation::Set(IdentitiesPath(electionPath_), EncodeEpoch(epoch_), last->version),
                                   Operation::Create(ClaimPath(electionPath_), signature_, NodeMode::Ephemeral)},
                                  result);
         if (rc == ZOK)
         {
-            claimVersion_ = stat.version + 1;
+            claimVersion_ = last->version + 1;
             return Claim::Made;
         }
         if (rc == ZNONODE && result.refused && *result.refused < kOurNodes)
@@ -194,7 +212,7 @@ QueuePlace::Claim QueuePlace::TryToClaim()
             if (claim == Claim::Made)
             {
                 // From an attempt whose reply was lost, after which there was no other.
-                claimVersion_ = stat.version;
+                claimVersion_ = last->version;
             }
             if (claim != Claim::Gone)
             {
@@ -312,15 +330,22 @@ void QueuePlace::ReleaseClaim()
         // Whoever has claimed the lead since has raised the version: a repetition after a lost reply does no harm.
         std::vector<Operation> release{Operation::Check(IdentitiesPath(electionPath_), *claimVersion_),
                                        Operation::Delete(ClaimPath(electionPath_))};
+        const std::size_t claimOnly = release.size();
         if (mayHaveIdentity_)
         {
             release.push_back(Operation::Delete(identityPath_));
         }
+        if (!node_.empty())
+        {
+            // With the claim, so that the next one in line, who hears of this, can claim the lead at once.
+            release.push_back(Operation::Delete(path_));
+        }
         TransactionResult result;
         int rc = session_->TransactIn(sessionId_, release, result);
-        if (rc == ZNONODE && result.refused == 2U)
+        while (rc == ZNONODE && result.refused && *result.refused >= claimOnly)
         {
-            release.pop_back();
+            // Somebody else has deleted that one.
+            release.erase(release.begin() + static_cast<std::ptrdiff_t>(*result.refused));
             rc = session_->TransactIn(sessionId_, release, result);
         }
         if (rc == ZOK)

@@ -22,6 +22,8 @@ std::size_t BytesOf(const std::string& path)
 /// What was let go of and not taken yet.
 struct WatchRegistry::Watch::Released
 {
+    /// Whether there are any.
+    std::atomic<bool> any{false};
     Mutex mutex;
     States states KX_GUARDED_BY(mutex);
 };
@@ -51,6 +53,7 @@ void WatchRegistry::Watch::LetGo(State watch) noexcept
     place.front() = std::move(watch);
     const MutexLock lock(released->mutex);
     released->states.splice(released->states.end(), place);
+    released->any = true;
 }
 
 WatchRegistry::WatchRegistry() : released_(std::make_shared<Watch::Released>()) {}
@@ -63,7 +66,8 @@ WatchRegistry::Position WatchRegistry::Now() const
 
 bool WatchRegistry::Add(const std::string& path, const State& state)
 {
-    States one{state};
+    States one;
+    one.push_back(state);
     state->place_.resize(1);
     const MutexLock lock(mutex_);
     auto found = entries_.find(path);
@@ -166,10 +170,16 @@ std::vector<std::weak_ptr<WatchRegistry::Watch>> WatchRegistry::Snapshot(Positio
 WatchRegistry::States WatchRegistry::TakeReleased(const Unwatch& unwatch)
 {
     States released;
+    if (!released_->any)
+    {
+        return released;
+    }
+    // Held from the taking to the end, so that who finds none to take finds their paths free, too.
     const MutexLock lock(mutex_);
     {
         const MutexLock releasedLock(released_->mutex);
         released.swap(released_->states);
+        released_->any = false;
     }
     States dropped;
     for (const State& state : released)

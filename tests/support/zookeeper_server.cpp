@@ -96,12 +96,31 @@ public:
             "java", "-Xmx" + std::to_string(options_.heapMegabytes) + "m", "-XX:+UseSerialGC",
             options_.compiler == ServerOptions::Compiler::Best ? "-XX:+TieredCompilation" : "-XX:TieredStopAtLevel=1",
             // No file in /tmp that a killed server leaves behind.
-            "-XX:-UsePerfData", "-cp", ClassPath(),
-            peers_.empty() ? "org.apache.zookeeper.server.ZooKeeperServerMain"
-                           : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
-            ConfigurationFile().string()};
+            "-XX:-UsePerfData"};
+        if (const std::optional<std::string> classes = ClassesOption())
+        {
+            options.command.push_back(*classes);
+        }
+        const std::string main = peers_.empty() ? "org.apache.zookeeper.server.ZooKeeperServerMain"
+                                                : "org.apache.zookeeper.server.quorum.QuorumPeerMain";
+        options.command.insert(options.command.end(), {"-cp", ClassPath(), main, ConfigurationFile().string()});
         options.output = LogFile();
         process_.emplace(std::move(options));
+    }
+
+    std::optional<std::string> ClassesOption() const
+    {
+        if (!options_.leaveClassesIn.empty())
+        {
+            return "-XX:ArchiveClassesAtExit=" + options_.leaveClassesIn.string();
+        }
+        const char* const classes = std::getenv(kServerClassesVariable);
+        std::error_code absent;
+        if (classes != nullptr && std::filesystem::is_regular_file(classes, absent))
+        {
+            return std::string("-XX:SharedArchiveFile=") + classes;
+        }
+        return std::nullopt;
     }
 
     process::ChildProcess& Process()

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <utility>
 
 namespace kx::velmor::benchmarks {
 namespace {
@@ -52,7 +53,7 @@ void FinishThenAwait(benchmark::State& state)
 void FinishWhileAwaited(benchmark::State& state)
 {
     const pid_t awaiting = gettid();
-    // Written by this thread before it sets `asked`, read by the other one after that.
+    // Written by this thread before it sets `asked`, taken by the other one after that.
     std::shared_ptr<Request> next;
     std::atomic<bool> asked{false};
     std::atomic<bool> over{false};
@@ -67,7 +68,7 @@ void FinishWhileAwaited(benchmark::State& state)
             {
                 return;
             }
-            const std::shared_ptr<Request> request = next;
+            const std::shared_ptr<Request> request = std::move(next);
             AwaitSleep(awaiting);
             begun = Clock::now();
             request->Finish(ZOK);

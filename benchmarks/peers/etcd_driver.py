@@ -36,6 +36,7 @@ from typing import Any, NoReturn
 sys.dont_write_bytecode = True  # Nothing is left in the tree.
 from peer_driver import PATIENCE_SECONDS, Ended, Missing, Trouble, answer, checked, parser, run, serve  # noqa: E402
 
+MEMORY = "/dev/shm"
 MOST_CANDIDATES = 100
 PORT_ATTEMPTS = 5
 POLL_SECONDS = 0.005
@@ -96,9 +97,12 @@ def end(processes: "list[subprocess.Popen[bytes]]") -> None:
 class Directory:
     """A temporary directory that is removed when this process, and all that `pipe` was passed on to, have ended."""
 
-    def __init__(self) -> None:
+    def __init__(self, in_memory: bool) -> None:
+        environment = dict(os.environ)
+        if in_memory and os.access(MEMORY, os.W_OK):
+            environment["TMPDIR"] = MEMORY
         self._keeper = subprocess.Popen(["/bin/sh", "-c", KEEP_DIRECTORY], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, start_new_session=True)
+                                        stdout=subprocess.PIPE, start_new_session=True, env=environment)
         with self._keeper.stdout as output:
             self.path = Path(output.readline().decode().strip())
         if not self.path.is_absolute():
@@ -294,7 +298,7 @@ def main() -> None:
             raise Missing(f"needs {package}")
     options = parser(__doc__)
     options.add_argument("--fsync", choices=("on", "off"), default="off",
-                         help="whether the server forces its log to disk")
+                         help="whether the server forces its log to disk, or keeps it in memory")
     arguments = checked(options.parse_args())
     if arguments.standby:
         raise Trouble("--standby is not possible, since each of these drivers has a server of its own")
@@ -302,7 +306,7 @@ def main() -> None:
         raise Trouble(f"at most {MOST_CANDIDATES} candidates, since each is a process")
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, end_by_signal)
-    directory = Directory()
+    directory = Directory(in_memory=arguments.fsync == "off")
     try:
         Driver(arguments, directory).run()
     finally:

@@ -17,7 +17,7 @@ from pathlib import Path
 
 from harness import machine, plots, report
 from harness.figures import compare
-from harness.measures import FULL, QUICK, Bench
+from harness.measures import FULL, QUICK, TRIAL, Bench, Effort
 from harness.processes import Contender, ContenderFailed, Setting
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -41,37 +41,40 @@ def contenders(build: Path) -> list[Contender]:
     ]
 
 
-def measure(bench: Bench, quick: bool) -> None:
-    effort = QUICK if quick else FULL
+def measure(bench: Bench, effort: Effort) -> None:
     for candidates in effort.sizes:
         bench.handovers(Setting(), candidates, effort.rounds if candidates < 500 else effort.few_rounds)
-    for setting in (Setting(fsync=True), Setting(servers=3), Setting(servers=3, fsync=True)):
-        if not quick or setting == Setting(servers=3):
-            bench.handovers(setting, 3, effort.few_rounds)
+    for setting in effort.settings:
+        bench.handovers(setting, 3, effort.few_rounds)
     for position in effort.joins:
         bench.joins(position, effort.few_rounds if position < 1000 else effort.few_rounds // 5)
-    for candidates in (3, 10, 50) if quick else (3, 10, 50, 200):
+    for candidates in effort.request_sizes:
         bench.requests(candidates)
     for candidates in effort.crowds:
         bench.crowds(candidates)
-    bench.event_rates(3 if quick else 10)
+    bench.event_rates(effort.event_rounds)
     bench.failovers(effort.failovers)
 
 
-def micro_benchmarks(build: Path, quick: bool) -> list[dict[str, object]]:
+def micro_benchmarks(build: Path, effort: Effort) -> list[dict[str, object]]:
     program = build / "benchmarks/micro/velmor_micro_benchmarks"
-    seconds = "0.02" if quick else "0.2"
-    command = [str(program), "--benchmark_format=json", f"--benchmark_min_time={seconds}"]
+    command = [str(program), "--benchmark_format=json", f"--benchmark_min_time={effort.micro_seconds}"]
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
     if done.returncode != 0:
         raise ContenderFailed(f"{program.name}: {done.stderr.decode(errors='replace').strip()}")
     return json.loads(done.stdout)["benchmarks"]
 
 
+def wanted_arguments(arguments: list[str]) -> list[str]:
+    """Without what script/bench adds."""
+    return arguments[2:] if arguments[:1] == ["--build"] else arguments
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(prog="script/bench", description=__doc__.split("\n")[0])
     parser.add_argument("--build", type=Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="less of everything, within five minutes")
+    parser.add_argument("--trial", action="store_true", help="next to nothing, to see that it works")
     parser.add_argument("--seed", type=int, default=1, help="of the order in which contenders are asked")
     parser.add_argument("--only", metavar="NAME,...", help="these contenders, and the floor")
     parser.add_argument("--results", type=Path, default=ROOT / "benchmarks/results", metavar="DIRECTORY",
@@ -88,7 +91,7 @@ def main() -> int:
         return 0
 
     options.results.mkdir(parents=True, exist_ok=True)
-    effort = QUICK if options.quick else FULL
+    effort = TRIAL if options.trial else QUICK if options.quick else FULL
     wanted = contenders(options.build)
     if options.only:
         names = {"floor", *options.only.split(",")}
@@ -96,15 +99,15 @@ def main() -> int:
             parser.error(f"nobody is called {', '.join(sorted(unknown))}")
         wanted = [contender for contender in wanted if contender.name in names]
     bench = Bench(options.build / "benchmarks/servers/velmor_bench_servers", wanted, effort, options.seed)
-    measure(bench, options.quick)
+    measure(bench, effort)
     bench.progress.begin("single operations")
-    micro = micro_benchmarks(options.build, options.quick)
+    micro = micro_benchmarks(options.build, effort)
     compare(bench.figures, "floor")
 
     today = datetime.date.today().isoformat()
     result = {
         "date": today,
-        "command": "script/bench" + (" --quick" if options.quick else ""),
+        "command": " ".join(["script/bench", *wanted_arguments(sys.argv[1:])]),
         "machine": machine.describe(),
         "revision": machine.revision(ROOT),
         "seed": options.seed,
@@ -113,7 +116,8 @@ def main() -> int:
         "figures": [figure.as_json() for figure in bench.figures],
         "micro": micro,
     }
-    path = options.results / f"{today}{'-quick' if options.quick else ''}.json"
+    kind = "-trial" if options.trial else "-quick" if options.quick else ""
+    path = options.results / f"{today}{kind}.json"
     path.write_text(json.dumps(result, indent=1) + "\n")
     print(report.as_text(result))
     drawn = plots.draw(result, path.with_suffix(""))

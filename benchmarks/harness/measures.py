@@ -42,21 +42,75 @@ class Progress:
 
 @dataclass(frozen=True)
 class Effort:
-    """How much is measured: --quick makes less of everything."""
+    """How much is measured."""
 
     warm_up: int
     rounds: int
+    # Of what takes long.
     few_rounds: int
+    # Candidates in the queue, of handovers and of counted requests.
     sizes: tuple[int, ...]
+    request_sizes: tuple[int, ...]
+    # Besides one server without fsync, with three candidates.
+    settings: tuple[Setting, ...]
+    # Places in the queue.
     joins: tuple[int, ...]
+    # Candidates in one process.
     crowds: tuple[int, ...]
-    failovers: int
-    events: int
     idle_seconds: float
+    events: int
+    event_rounds: int
+    failovers: int
+    # At least, for each single operation.
+    micro_seconds: float
 
 
-FULL = Effort(500, 1000, 300, (3, 50, 500), (1, 10, 100, 1000), (1, 100, 1000), 5, 10_000, 10.0)
-QUICK = Effort(150, 300, 60, (3, 50), (1, 10, 100), (1, 100), 1, 3_000, 3.0)
+FULL = Effort(
+    warm_up=500,
+    rounds=1000,
+    few_rounds=300,
+    sizes=(3, 50, 500),
+    request_sizes=(3, 10, 50, 200),
+    settings=(Setting(fsync=True), Setting(servers=3), Setting(servers=3, fsync=True)),
+    joins=(1, 10, 100, 1000),
+    crowds=(1, 100, 1000),
+    idle_seconds=10.0,
+    events=10_000,
+    event_rounds=10,
+    failovers=5,
+    micro_seconds=0.2,
+)
+QUICK = Effort(
+    warm_up=150,
+    rounds=300,
+    few_rounds=60,
+    sizes=(3, 50),
+    request_sizes=(3, 50),
+    settings=(Setting(servers=3),),
+    joins=(1, 10, 100),
+    crowds=(1, 100),
+    idle_seconds=3.0,
+    events=3_000,
+    event_rounds=3,
+    failovers=1,
+    micro_seconds=0.02,
+)
+# Not to measure, but to see that all of it works.
+TRIAL = Effort(
+    warm_up=1,
+    rounds=3,
+    few_rounds=2,
+    sizes=(3,),
+    request_sizes=(3,),
+    settings=(),
+    joins=(2,),
+    crowds=(2,),
+    idle_seconds=0.1,
+    events=100,
+    event_rounds=1,
+    failovers=1,
+    micro_seconds=0.001,
+)
 
 
 class Bench:

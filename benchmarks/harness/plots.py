@@ -66,7 +66,9 @@ def _over(result: dict[str, Any], measure: str, key: str, path: Path, title: str
             continue
         curves.setdefault(figure["contender"], []).append((figure["case"][key], figure["median"], figure["p95"]))
     for contender, rows in curves.items():
-        plot.add(contender, rows, "using 1:2 with linespoints pt 7 ps 0.6 lw 2")
+        # A point is no curve.
+        if len(rows) > 1:
+            plot.add(contender, rows, "using 1:2 with linespoints pt 7 ps 0.6 lw 2")
     return plot
 
 

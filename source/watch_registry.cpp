@@ -43,8 +43,8 @@ std::shared_ptr<Connection::WatchState> WatchRegistry::Watch::ForHandle(const St
 void WatchRegistry::Watch::LetGo(State watch) noexcept
 {
     watch->held_ = false;
-    // Without a registry, the watch ends with its handle.
-    const std::shared_ptr<Released> released = watch->released_.lock();
+    // What is in no registry, such as after its event, ends with its handle.
+    const std::shared_ptr<Released> released = watch->path_ != nullptr ? watch->released_.lock() : nullptr;
     if (!released)
     {
         return;
@@ -184,11 +184,12 @@ WatchRegistry::States WatchRegistry::TakeReleased(const Unwatch& unwatch)
     States dropped;
     for (const State& state : released)
     {
-        if (state->path_ == nullptr)
+        const std::string* const watched = state->path_;
+        if (watched == nullptr)
         {
             continue;
         }
-        const auto path = entries_.find(*state->path_);
+        const auto path = entries_.find(*watched);
         Move(path->second, dropped, [&](const Watch& watch) { return &watch == state.get(); });
         if (path->second.empty())
         {

@@ -49,17 +49,17 @@ public:
 
         std::atomic<bool> held_{true};
 
+        // Written under the registry's lock. First, because who looks through many states looks at nothing else.
+
+        /// The registry's key; null while it is in none.
+        std::atomic<const std::string*> path_{nullptr};
+        std::uint64_t added_ = 0;
+
         // Of whoever adds it, and then of whoever lets go of it.
 
         std::weak_ptr<Released> released_;
         /// Room in the list there, so that letting go cannot fail.
         States place_;
-
-        // Guarded by the registry's lock.
-
-        /// The registry's key; null while it is in none.
-        const std::string* path_ = nullptr;
-        std::uint64_t added_ = 0;
     };
 
     /// A position in the order of arming and arriving: what is added after `Now` was called is not older than it.

@@ -5,9 +5,9 @@ Every candidate has a thread and a KazooClient of its own. A handover lasts from
 (--recipe=election: it returns from the function that Election.run called; --recipe=lock: it calls Lock.release) to the
 beginning of that function in the next leader's thread, or the moment at which its Lock.acquire has returned.
 
-The interpreter runs one thread at a time, and one news passes three to five threads of a client on its way: what is
-measured is kazoo with CPython, as its users have them. All candidates share one interpreter, as they do in the other
-drivers.
+The interpreter runs one thread at a time, and the news goes from the thread that reads it to the one that runs callbacks
+and on to the candidate's own: what is measured is kazoo with CPython, as its users have them. All candidates share one
+interpreter, as they share one process in the other drivers.
 """
 
 import os
@@ -25,7 +25,7 @@ from peer_driver import PATIENCE_SECONDS, Ended, Missing, Trouble, answer, check
 
 DEBIANS_PYTHON = "/usr/bin/python3"
 CONNECT_SECONDS = 15.0
-END_SECONDS = 20.0
+END_SECONDS = 10.0
 
 try:
     from kazoo.client import KazooClient, KazooState

@@ -512,8 +512,8 @@ public final class CuratorDriver
         {
             leader.withdraw();
         }
-        // Each takes 100 ms, which ZooKeeper's client sleeps with a lock that all clients of a process share. Where there
-        // are many, sessions without nodes are left to the server, which sees their connections end.
+        // Each takes 100 ms, which ZooKeeper's client sleeps with a lock that all clients of a process share. Where
+        // there are many, sessions without nodes are left to the server, which sees their connections end.
         final long last = System.nanoTime() + TimeUnit.SECONDS.toNanos(CLOSE_SECONDS);
         for (final Candidate candidate : candidates)
         {

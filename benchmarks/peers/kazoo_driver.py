@@ -5,7 +5,7 @@ Every candidate has a thread and a KazooClient of its own. A handover lasts from
 (--recipe=election: it returns from the function that Election.run called; --recipe=lock: it calls Lock.release) to the
 beginning of that function in the next leader's thread, or the moment at which its Lock.acquire has returned.
 
-The interpreter runs one thread at a time, and the news goes from the thread that reads it to the one that runs callbacks
+The interpreter runs one thread at a time, and news goes from the thread that reads it to the one that runs callbacks
 and on to the candidate's own: what is measured is kazoo with CPython, as its users have them. All candidates share one
 interpreter, as they share one process in the other drivers.
 """

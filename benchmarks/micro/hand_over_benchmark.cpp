@@ -32,10 +32,16 @@ void AwaitBusily(const Condition& condition)
     }
 }
 
-/// Waits until the thread has gone to sleep.
-void AwaitSleep(pid_t thread)
+/// Waits until the thread has gone to sleep. False when the system does not tell.
+bool AwaitSleep(pid_t thread)
 {
-    AwaitBusily([thread] { return Asleep(thread); });
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    bool asleep = false;
+    AwaitBusily([&] {
+        asleep = Asleep(thread);
+        return asleep || Clock::now() > deadline;
+    });
+    return asleep;
 }
 
 /// The calls alone: nobody waits.
@@ -69,7 +75,10 @@ void FinishWhileAwaited(benchmark::State& state)
                 return;
             }
             const std::shared_ptr<Request> request = std::move(next);
-            AwaitSleep(awaiting);
+            if (!AwaitSleep(awaiting))
+            {
+                continue;
+            }
             begun = Clock::now();
             request->Finish(ZOK);
             finishing += Clock::now() - begun;
@@ -124,7 +133,11 @@ void PostToASleepingLoop(benchmark::State& state)
     Clock::duration posting{0};
     for (auto _ : state)
     {
-        AwaitSleep(running.Thread());
+        if (!AwaitSleep(running.Thread()))
+        {
+            state.SkipWithError("does not go to sleep");
+            break;
+        }
         std::atomic<bool> ran{false};
         Clock::time_point end;
         const Clock::time_point begin = Clock::now();

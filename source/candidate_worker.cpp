@@ -25,8 +25,8 @@ constexpr int kRetriesPerTimeout = 10;
 /// The one that leads now may still be claiming the lead, which outdates what was read before.
 constexpr milliseconds kPreparationDelay{20};
 
-/// A wait by a clock that stands still while the machine sleeps, or that only a test moves.
-constexpr std::chrono::seconds kLongestNap{1};
+/// A wait by a clock that stands still while the machine sleeps. What the session has to tell ends it sooner.
+constexpr std::chrono::seconds kLongestNap{10};
 
 /// What no repetition mends.
 bool CanNeverSucceed(const std::exception& error)

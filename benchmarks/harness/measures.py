@@ -81,7 +81,7 @@ FULL = Effort(
     micro_seconds=0.2,
 )
 QUICK = Effort(
-    warm_up=150,
+    warm_up=400,
     rounds=300,
     few_rounds=60,
     sizes=(3, 50),

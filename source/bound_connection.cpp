@@ -19,6 +19,12 @@ bool BoundConnection::SessionOver() const
     return velmor::SessionOver(session_->Status(), sessionId_);
 }
 
+void BoundConnection::NoteDeleted(std::string path)
+{
+    const MutexLock lock(mutex_);
+    deleted_ = std::move(path);
+}
+
 void BoundConnection::DropCallbacks()
 {
     std::vector<std::weak_ptr<Callback>> callbacks;
@@ -114,6 +120,13 @@ int BoundConnection::GuaranteedDelete(std::string path) const
     if (SessionOver())
     {
         return ZNONODE;
+    }
+    {
+        const MutexLock lock(mutex_);
+        if (path == deleted_)
+        {
+            return ZNONODE;
+        }
     }
     Stat stat{};
     if (session_->Exists(path, &stat) == ZOK && stat.ephemeralOwner != sessionId_)

@@ -29,6 +29,9 @@ public:
 
     bool SessionOver() const;
 
+    /// This node of ours has been deleted by other means: deleting it again finds nothing, without asking.
+    void NoteDeleted(std::string path);
+
     /// Drops all callbacks of watches: none begins any more.
     void DropCallbacks();
 
@@ -55,6 +58,7 @@ private:
     const std::int64_t sessionId_;
 
     mutable Mutex mutex_;
+    std::string deleted_ KX_GUARDED_BY(mutex_);
     mutable std::vector<std::weak_ptr<Callback>> callbacks_ KX_GUARDED_BY(mutex_);
 };
 

@@ -244,12 +244,13 @@ void CandidateCore::HoldPlace(QueuePlace& place)
         }
         if (duty == Duty::Claim)
         {
+            claimAt = Claim(place);
             if (!leading)
             {
+                // Not sooner: the answer to the claim is word enough to begin with, and nothing should be in its way.
                 leading = true;
                 freshness = session_->KeepFresh();
             }
-            claimAt = Claim(place);
             // At once, since it sets up what tells of the end.
             lookAt = BootClock::time_point();
         }

@@ -75,6 +75,7 @@ void QueuePlace::Join()
         throw ZooError(ZSESSIONEXPIRED);
     }
     epoch_ = stat.czxid;
+    nodeStands_ = true;
     MakeIdentity();
 }
 
@@ -264,6 +265,7 @@ std::optional<std::size_t> QueuePlace::Look()
     const int rc = session_->Exists(path_, &stat);
     if (rc == ZNONODE || (rc == ZOK && stat.czxid != epoch_))
     {
+        nodeStands_ = false;
         return std::nullopt;
     }
     Require(rc);
@@ -294,6 +296,7 @@ std::optional<std::size_t> QueuePlace::Look()
 void QueuePlace::Leave()
 {
     // Disarmed: there is no news any more.
+    nodeStands_ = nodeStands_ && *watchingNode_;
     {
         const Connection::WatchHandle node = std::move(nodeWatch_);
         const Connection::WatchHandle claim = std::move(claimWatch_);
@@ -335,7 +338,7 @@ void QueuePlace::ReleaseClaim()
         {
             release.push_back(Operation::Delete(identityPath_));
         }
-        if (!node_.empty())
+        if (nodeStands_)
         {
             // With the claim, so that the next one in line, who hears of this, can claim the lead at once.
             release.push_back(Operation::Delete(path_));
@@ -351,6 +354,10 @@ void QueuePlace::ReleaseClaim()
         if (rc == ZOK)
         {
             mayHaveIdentity_ = false;
+        }
+        if (rc == ZOK && nodeStands_)
+        {
+            connection_->NoteDeleted(path_);
         }
         if (rc != ZBADVERSION)
         {

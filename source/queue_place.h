@@ -126,6 +126,9 @@ private:
     std::optional<LastClaim> lastClaim_;
     /// The version of the identities' parent since our claim, which every claim raises.
     std::optional<int> claimVersion_;
+    /// Whether the node is still ours, as far as anybody has told. In an election path that was made anew, one of the
+    /// same name is somebody else's.
+    bool nodeStands_ = false;
     Connection::WatchHandle nodeWatch_;
     Connection::WatchHandle claimWatch_;
     // Cleared by the watches themselves, on the event thread.

@@ -31,7 +31,8 @@ public:
 
     ~SigpipeHeldBack()
     {
-        if (errno == EPIPE && !wasPending_)
+        // Whatever is said to have failed last: there is nothing to ask for when nothing has.
+        if (errno != 0 && !wasPending_)
         {
             // Ours goes, one that was there before stays. A write raises it on the writing thread, hence at once.
             const timespec noWait{};

@@ -25,8 +25,10 @@ constexpr int kRetriesPerTimeout = 10;
 /// The one that leads now may still be claiming the lead, which outdates what was read before.
 constexpr milliseconds kPreparationDelay{20};
 
-/// A wait by a clock that stands still while the machine sleeps. What the session has to tell ends it sooner.
+/// Waits by a clock that stands still while the machine sleeps. What the session has to tell ends them sooner, but who
+/// leads looks after its place by itself, too.
 constexpr std::chrono::seconds kLongestNap{10};
+constexpr std::chrono::seconds kLeadersLongestNap{1};
 
 /// What no repetition mends.
 bool CanNeverSucceed(const std::exception& error)
@@ -391,7 +393,13 @@ void CandidateCore::Look(QueuePlace& place)
             stay_.news = true;
             return;
         }
+        const bool wasSecond = stay_.second;
         TakePosition(position);
+        if (wasSecond && stay_.second)
+        {
+            // Once more: somebody may have claimed the lead since the last time.
+            stay_.prepareAt = session_->Now();
+        }
     }
     catch (const std::exception& error)
     {
@@ -437,6 +445,13 @@ void CandidateCore::TakePosition(std::optional<std::size_t> position)
 
 void CandidateCore::Leave(QueuePlace& place)
 {
+    {
+        const MutexLock lock(mutex_);
+        if (stay_.over == LossReason::NodeDeleted)
+        {
+            place.NodeIsLost();
+        }
+    }
     constexpr int kTriesWithCompany = 3;
     Backoff retrying(options_.firstRejoinDelay, options_.mostRejoinDelay);
     for (int tries = 1;; ++tries)
@@ -491,7 +506,7 @@ void CandidateCore::AwaitNews(BootClock::time_point until)
 {
     for (BootClock::time_point now = session_->Now(); !awake_ && now < until; now = session_->Now())
     {
-        const auto nap = std::min<BootClock::duration>(until - now, kLongestNap);
+        const auto nap = std::min<BootClock::duration>(until - now, stay_.led ? kLeadersLongestNap : kLongestNap);
         changed_.WaitUntil(mutex_, Clock::now() + nap);
     }
     awake_ = false;

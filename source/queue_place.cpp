@@ -180,6 +180,7 @@ QueuePlace::Claim QueuePlace::TryToClaim()
         }
         if (!last)
         {
+            nodeStands_ = false;
             return Claim::Gone;
         }
         // What was written before it can have been reached is no epoch.
@@ -205,6 +206,7 @@ QueuePlace::Claim QueuePlace::TryToClaim()
         }
         if (rc == ZNONODE && result.refused && *result.refused < kOurNodes)
         {
+            nodeStands_ = false;
             return Claim::Gone;
         }
         if (rc == ZNODEEXISTS && result.refused == kClaimNode)
@@ -295,7 +297,8 @@ std::optional<std::size_t> QueuePlace::Look()
 
 void QueuePlace::Leave()
 {
-    // Disarmed: there is no news any more.
+    // There is no news any more: neither for the recipe, whose node goes before it is stopped, nor here.
+    connection_->DropCallbacks();
     nodeStands_ = nodeStands_ && *watchingNode_;
     {
         const Connection::WatchHandle node = std::move(nodeWatch_);

@@ -62,20 +62,22 @@ public:
     void Join();
 
     /// After `Made`, or `Gone`, there is nothing more to claim.
-
     Claim TryToClaim();
 
-    /// Reads beforehand what `TryToClaim` needs, which is one round trip shorter then, unless somebody claims the lead
-    /// in between.
+    /// Reads beforehand what `TryToClaim` needs, which is one round trip shorter then, and one longer if somebody
+    /// claims the lead in between.
     void PrepareToClaim();
 
     /// The index in the queue now, 0 for the first; empty when the node is gone, or the identity, or the claim that was
     /// made.
     std::optional<std::size_t> Look();
 
-    /// Takes everything back, the claim first. What went with its session is gone already, and costs no round trip.
-    /// When it throws, call it again.
+    /// Takes everything back: of a leader all at once, or else the identity first. What went with its session is gone
+    /// already, and costs no round trip. When it throws, call it again.
     void Leave();
+
+    /// Somebody has told that the node is lost: `Leave` takes care then not to delete another one's of its name.
+    void NodeIsLost() { nodeStands_ = false; }
 
     /// What holds only while the lead is ours; after `Made`.
     std::vector<Operation> Guards() const;

@@ -19,13 +19,26 @@ std::size_t BytesOf(const std::string& path)
 
 }  // namespace
 
-/// What was let go of and not taken yet.
+/// What was let go of and not taken yet: the latest, and through `next_` all others. No lock, since handles let go
+/// under their owners' locks.
 struct WatchRegistry::Watch::Released
 {
-    /// Whether there are any.
-    std::atomic<bool> any{false};
-    Mutex mutex;
-    States states KX_GUARDED_BY(mutex);
+    ~Released() { Take(); }
+
+    /// In the order in which they were let go of.
+    States Take()
+    {
+        States taken;
+        for (Watch* watch = latest.exchange(nullptr); watch != nullptr;)
+        {
+            Watch* const next = watch->next_;
+            taken.splice(taken.begin(), watch->place_);
+            watch = next;
+        }
+        return taken;
+    }
+
+    std::atomic<Watch*> latest{nullptr};
 };
 
 WatchRegistry::Watch::Watch(Connection::WatchCallback function)
@@ -49,11 +62,12 @@ void WatchRegistry::Watch::LetGo(State watch) noexcept
     {
         return;
     }
-    States place = std::move(watch->place_);
-    place.front() = std::move(watch);
-    const MutexLock lock(released->mutex);
-    released->states.splice(released->states.end(), place);
-    released->any = true;
+    Watch* const self = watch.get();
+    // It keeps itself alive until it is taken.
+    self->place_.front() = std::move(watch);
+    self->next_ = released->latest;
+    while (!released->latest.compare_exchange_weak(self->next_, self))
+    {}
 }
 
 WatchRegistry::WatchRegistry() : released_(std::make_shared<Watch::Released>()) {}
@@ -82,6 +96,7 @@ bool WatchRegistry::Add(const std::string& path, const State& state)
     }
     state->released_ = released_;
     state->path_ = &found->first;
+    state->where_ = one.begin();
     state->added_ = ++now_;
     found->second.splice(found->second.end(), one);
     return true;
@@ -170,17 +185,13 @@ std::vector<std::weak_ptr<WatchRegistry::Watch>> WatchRegistry::Snapshot(Positio
 WatchRegistry::States WatchRegistry::TakeReleased(const Unwatch& unwatch)
 {
     States released;
-    if (!released_->any)
+    if (released_->latest == nullptr)
     {
         return released;
     }
     // Held from the taking to the end, so that who finds none to take finds their paths free, too.
     const MutexLock lock(mutex_);
-    {
-        const MutexLock releasedLock(released_->mutex);
-        released.swap(released_->states);
-        released_->any = false;
-    }
+    released = released_->Take();
     States dropped;
     for (const State& state : released)
     {
@@ -190,7 +201,8 @@ WatchRegistry::States WatchRegistry::TakeReleased(const Unwatch& unwatch)
             continue;
         }
         const auto path = entries_.find(*watched);
-        Move(path->second, dropped, [&](const Watch& watch) { return &watch == state.get(); });
+        dropped.splice(dropped.end(), path->second, state->where_);
+        state->path_ = nullptr;
         if (path->second.empty())
         {
             unwatch(path->first);

@@ -54,12 +54,15 @@ public:
         /// The registry's key; null while it is in none.
         std::atomic<const std::string*> path_{nullptr};
         std::uint64_t added_ = 0;
+        /// In the registry's list of its path.
+        States::iterator where_;
 
         // Of whoever adds it, and then of whoever lets go of it.
 
         std::weak_ptr<Released> released_;
-        /// Room in the list there, so that letting go cannot fail.
+        /// Room in the list of those that are taken, so that letting go cannot fail.
         States place_;
+        Watch* next_ = nullptr;
     };
 
     /// A position in the order of arming and arriving: what is added after `Now` was called is not older than it.

@@ -11,14 +11,13 @@ import argparse
 import datetime
 import json
 import signal
-import subprocess
 import sys
 from pathlib import Path
 
 from harness import machine, plots, report
 from harness.figures import compare
 from harness.measures import FULL, QUICK, TRIAL, Bench, Effort
-from harness.processes import Contender, ContenderFailed, Setting
+from harness.processes import Contender, ContenderFailed, Setting, start
 
 ROOT = Path(__file__).resolve().parent.parent
 
@@ -59,10 +58,11 @@ def measure(bench: Bench, effort: Effort) -> None:
 def micro_benchmarks(build: Path, effort: Effort) -> list[dict[str, object]]:
     program = build / "benchmarks/micro/velmor_micro_benchmarks"
     command = [str(program), "--benchmark_format=json", f"--benchmark_min_time={effort.micro_seconds}"]
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
-    if done.returncode != 0:
-        raise ContenderFailed(f"{program.name}: {done.stderr.decode(errors='replace').strip()}")
-    return json.loads(done.stdout)["benchmarks"]
+    with start(command) as process:
+        output, errors = process.communicate()
+    if process.returncode != 0:
+        raise ContenderFailed(f"{program.name}: {errors.decode(errors='replace').strip()}")
+    return json.loads(output)["benchmarks"]
 
 
 def wanted_arguments(arguments: list[str]) -> list[str]:
@@ -82,7 +82,8 @@ def main() -> int:
     parser.add_argument("--report", type=Path, metavar="FILE", help="measure nothing: show what such a file holds, and draw it")
     options = parser.parse_args()
     # Whoever ends this ends what it has started.
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda received, _: sys.exit(128 + received))
 
     if options.report:
         result = json.loads(options.report.read_text())
@@ -99,11 +100,6 @@ def main() -> int:
             parser.error(f"nobody is called {', '.join(sorted(unknown))}")
         wanted = [contender for contender in wanted if contender.name in names]
     bench = Bench(options.build / "benchmarks/servers/velmor_bench_servers", wanted, effort, options.seed)
-    measure(bench, effort)
-    bench.progress.begin("single operations")
-    micro = micro_benchmarks(options.build, effort)
-    compare(bench.figures, "floor")
-
     today = datetime.date.today().isoformat()
     result = {
         "date": today,
@@ -111,11 +107,19 @@ def main() -> int:
         "machine": machine.describe(),
         "revision": machine.revision(ROOT),
         "seed": options.seed,
-        "left_out": bench.left_out,
-        "failures": bench.failures,
-        "figures": [figure.as_json() for figure in bench.figures],
-        "micro": micro,
+        "micro": [],
     }
+    try:
+        measure(bench, effort)
+        bench.progress.begin("single operations")
+        result["micro"] = micro_benchmarks(options.build, effort)
+    except (ContenderFailed, OSError) as error:
+        # What has been measured by now is worth as much.
+        bench.failures.append(f"not all was measured: {error}")
+    compare(bench.figures, "floor")
+    result["left_out"] = bench.left_out
+    result["failures"] = bench.failures
+    result["figures"] = [figure.as_json() for figure in bench.figures]
     kind = "-trial" if options.trial else "-quick" if options.quick else ""
     path = options.results / f"{today}{kind}.json"
     path.write_text(json.dumps(result, indent=1) + "\n")

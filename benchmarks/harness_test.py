@@ -11,6 +11,10 @@ from harness.figures import compare, quantile, sum_up
 from harness.processes import Child, ContenderFailed, NotInstalled
 
 CASE = {"servers": 1, "fsync": False, "candidates": 3}
+MACHINE = {"processor": "p", "cores": 2, "memory_gib": 1.0, "kernel": "k", "load_before": 0.0, "disk": "ext2/ext3",
+           "java": "j", "packages": {}}
+# Enough for the rarest quantile that is shown.
+MANY = 200
 
 
 def python(code: str) -> Child:
@@ -19,11 +23,15 @@ def python(code: str) -> Child:
 
 def result(recipe: list[float]) -> dict:
     figures = [
-        sum_up("handover", CASE, name, "us", samples)
-        for name, samples in (("floor", [100.0, 101.0, 102.0]), ("recipe", recipe), ("kazoo-lock", [150.0, 151.0, 152.0]))
+        sum_up("handover", CASE, name, "us", samples * MANY)
+        for name, samples in (("floor", [100.0, 101.0, 102.0]), ("recipe", recipe), ("kazoo-lock", [150.0, 151.0, 152.0]),
+                              ("etcdctl", [10.0, 11.0, 12.0]))
     ]
     compare(figures, "floor")
-    return {"figures": [figure.as_json() for figure in figures], "micro": [], "left_out": {}, "failures": []}
+    return {
+        "date": "2026-01-01", "command": "script/bench", "revision": "abc", "machine": MACHINE,
+        "figures": [figure.as_json() for figure in figures], "micro": [], "left_out": {}, "failures": [],
+    }
 
 
 class Figures(unittest.TestCase):
@@ -31,6 +39,12 @@ class Figures(unittest.TestCase):
         self.assertEqual(quantile([10.0, 20.0, 30.0, 40.0, 50.0], 0.5), 30.0)
         self.assertEqual(quantile([10.0, 20.0], 0.25), 12.5)
         self.assertEqual(quantile([7.0], 0.99), 7.0)
+
+    def test_what_stands_on_too_few_samples_is_not_shown(self) -> None:
+        few = sum_up("m", {}, "c", "us", [1.0] * 99)
+        more = sum_up("m", {}, "c", "us", [1.0] * 499)
+        self.assertEqual((few.p95, few.p99), (None, None))
+        self.assertEqual((more.p95, more.p99), (1.0, None))
 
     def test_order_of_samples_does_not_matter(self) -> None:
         self.assertEqual(sum_up("m", {}, "c", "us", [3.0, 1.0, 2.0]), sum_up("m", {}, "c", "us", [1.0, 2.0, 3.0]))
@@ -75,17 +89,32 @@ class Children(unittest.TestCase):
         self.assertEqual(child.ask("handover"), 42.0)
         child.end()
 
+    def test_who_ends_has_time_to_leave(self) -> None:
+        with TemporaryDirectory() as directory:
+            left = Path(directory) / "left"
+            child = python(f"import sys, time; sys.stdin.read(); time.sleep(0.3); open({str(left)!r}, 'w')")
+            child.end()
+            self.assertTrue(left.exists())
+
+    def test_who_ends_badly_is_told_of(self) -> None:
+        child = python("import sys; sys.stdin.read(); print('the reason', file=sys.stderr); sys.exit(1)")
+        with self.assertRaisesRegex(ContenderFailed, "status 1.*the reason"):
+            child.end()
+
+    def test_who_does_not_end_is_ended(self) -> None:
+        child = python("import time; time.sleep(1000)")
+        with self.assertRaisesRegex(ContenderFailed, "did not end"):
+            child.end(patience=0.2)
+
     def test_last_words_of_one_that_fails_are_passed_on(self) -> None:
         child = python("import sys; print('the reason', file=sys.stderr); sys.exit(1)")
         with self.assertRaisesRegex(ContenderFailed, "the reason"):
             child.read_line()
-        child.end()
 
     def test_who_is_not_installed_says_what_is_missing(self) -> None:
         child = python("import sys; print('needs python3-kazoo', file=sys.stderr); sys.exit(3)")
         with self.assertRaisesRegex(NotInstalled, "needs python3-kazoo"):
             child.read_line()
-        child.end()
 
     def test_one_that_does_not_answer_is_given_up(self) -> None:
         child = python("import time; time.sleep(1000)")

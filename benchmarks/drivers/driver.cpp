@@ -99,6 +99,11 @@ std::chrono::nanoseconds Driver::Leave()
     }
     const std::size_t leaving = queue_.front();
     const std::size_t next = queue_[1];
+    {
+        // Whatever was said before is not about this.
+        const std::lock_guard<std::mutex> lock(mutex_);
+        leader_.reset();
+    }
     const Clock::time_point begin = Clock::now();
     members_[leaving].contender->Leave();
     const Clock::time_point end = AwaitGain(next);

@@ -1,6 +1,9 @@
 #include "benchmarks/drivers/raw_handle.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
 #include <string_view>
 #include <utility>
 
@@ -66,9 +69,18 @@ private:
     static void OnEvent(zhandle_t*, int type, int, const char*, void* context) noexcept
     {
         FloorContender& self = *static_cast<FloorContender*>(context);
-        if (type == ZOO_DELETED_EVENT && !self.left_)
+        if (type != ZOO_DELETED_EVENT || self.left_)
+        {
+            return;
+        }
+        try
         {
             self.Look();
+        }
+        catch (const std::exception& error)
+        {
+            std::cerr << "velmor_bench_driver: " << error.what() << std::endl;
+            std::_Exit(EXIT_FAILURE);
         }
     }
 

@@ -6,6 +6,11 @@ from dataclasses import asdict, dataclass
 from typing import Any, Sequence
 
 
+# Five samples or more lie beyond.
+FEWEST_FOR_P95 = 100
+FEWEST_FOR_P99 = 500
+
+
 def quantile(ordered: Sequence[float], part: float) -> float:
     """By linear interpolation between the two nearest samples."""
     position = part * (len(ordered) - 1)
@@ -24,8 +29,9 @@ class Figure:
     unit: str
     samples: int
     median: float
-    p95: float
-    p99: float
+    # Where there are samples enough for one to stand behind it.
+    p95: float | None
+    p99: float | None
     # Between the quartiles, as part of the median.
     spread: float
     # Every hundredth, for whoever draws.
@@ -48,8 +54,8 @@ def sum_up(measure: str, case: dict[str, Any], contender: str, unit: str, sample
         unit,
         len(ordered),
         round(median, 3),
-        round(quantile(ordered, 0.95), 3),
-        round(quantile(ordered, 0.99), 3),
+        round(quantile(ordered, 0.95), 3) if len(ordered) >= FEWEST_FOR_P95 else None,
+        round(quantile(ordered, 0.99), 3) if len(ordered) >= FEWEST_FOR_P99 else None,
         round(between / median, 3) if median else 0.0,
         [round(quantile(ordered, i / 100), 2) for i in range(101)] if len(ordered) > 1 else [],
     )
@@ -65,5 +71,5 @@ def compare(figures: Sequence[Figure], floor: str) -> None:
         figure.ratio = {
             name: round(getattr(figure, name) / getattr(least, name), 3)
             for name in ("median", "p95", "p99")
-            if getattr(least, name)
+            if getattr(least, name) and getattr(figure, name) is not None
         }

@@ -8,6 +8,8 @@ import subprocess
 from pathlib import Path
 from typing import Sequence
 
+from .processes import Servers
+
 # Whose versions matter.
 PACKAGES = ("libzookeeper-mt2", "libzookeeper-java", "python3-kazoo", "libcurator-recipes-java", "etcd-server", "g++")
 
@@ -37,6 +39,7 @@ def describe() -> dict[str, object]:
         "memory_gib": round(memory / 2**30, 1),
         "kernel": platform.release(),
         "load_before": os.getloadavg()[0],
+        "disk": Servers.disk(),
         "java": java[0] if java else "",
         "packages": {name: version for name, version in versions.items() if version},
     }

@@ -53,7 +53,8 @@ def _handover(result: dict[str, Any], candidates: int, path: Path) -> _Plot:
     )
     for figure in _figures(result, "handover", servers=1, fsync=False, candidates=candidates):
         rows = [(value, i / 100) for i, value in enumerate(figure["quantiles"])]
-        plot.add(figure["contender"], rows, f"with lines lw {3 if figure['contender'] in ('floor', 'recipe') else 1.5}")
+        if rows:
+            plot.add(figure["contender"], rows, f"with lines lw {3 if figure['contender'] in ('floor', 'recipe') else 1.5}")
     return plot
 
 

@@ -28,8 +28,25 @@ class NotInstalled(Exception):
     """Says in one line what is missing."""
 
 
-def _end_with_parent() -> None:
+def _prepare_child(parent: int) -> None:
+    # A terminal's Ctrl-C is for the parent, which ends contenders before the servers that they leave.
+    os.setpgid(0, 0)
     _libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)
+    if os.getppid() != parent:
+        os._exit(1)
+
+
+def start(command: Sequence[str], environment: Mapping[str, str] | None = None) -> subprocess.Popen[bytes]:
+    """With pipes for all its streams. It does not outlive this process."""
+    parent = os.getpid()
+    return subprocess.Popen(
+        list(command),
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        env={**os.environ, **(environment or {})},
+        preexec_fn=lambda: _prepare_child(parent),
+    )
 
 
 class Child:
@@ -37,14 +54,7 @@ class Child:
 
     def __init__(self, command: Sequence[str], environment: Mapping[str, str] | None = None) -> None:
         self.command = list(command)
-        self._process = subprocess.Popen(
-            self.command,
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            env={**os.environ, **(environment or {})},
-            preexec_fn=_end_with_parent,
-        )
+        self._process = start(self.command, environment)
         self._selector = selectors.DefaultSelector()
         self._selector.register(self._pipe(self._process.stdout), selectors.EVENT_READ, "output")
         self._selector.register(self._pipe(self._process.stderr), selectors.EVENT_READ, "errors")
@@ -72,7 +82,7 @@ class Child:
         end = time.monotonic() + patience
         while b"\n" not in self._output:
             events = self._selector.select(max(0.0, end - time.monotonic()))
-            if not events:
+            if not events or time.monotonic() > end:
                 self.kill()
                 raise ContenderFailed(f"{self.command[0]}: no answer within {patience:.0f} s")
             for key, _ in events:
@@ -108,16 +118,19 @@ class Child:
         return float(answer[1])
 
     def end(self, patience: float = PATIENCE_SECONDS) -> None:
-        """In order: it takes back what it has."""
+        """In order: it takes back what it has. Throws `ContenderFailed` when it does not end well."""
+        if self._process.returncode is not None:
+            return
         try:
-            self._pipe(self._process.stdin).close()
-        except BrokenPipeError:
-            pass
-        try:
-            self._process.communicate(timeout=patience)
-        except (subprocess.TimeoutExpired, ValueError):
+            _, errors = self._process.communicate(timeout=patience)
+        except subprocess.TimeoutExpired:
             self.kill()
+            raise ContenderFailed(f"{self.command[0]}: did not end within {patience:.0f} s") from None
         self._close()
+        if self._process.returncode != 0:
+            lines = (self._errors + errors).decode(errors="replace").strip().splitlines()
+            said = lines[-1] if lines else "nothing"
+            raise ContenderFailed(f"{self.command[0]}: ended with status {self._process.returncode}, said {said}")
 
     def kill(self) -> None:
         self._process.kill()
@@ -125,7 +138,6 @@ class Child:
         self._close()
 
     def _close(self) -> None:
-        self._process.wait()
         self._selector.close()
         for pipe in (self._process.stdin, self._process.stdout, self._process.stderr):
             if pipe is not None:
@@ -165,6 +177,13 @@ class Servers:
 
     def __exit__(self, *_: object) -> None:
         self._child.end()
+
+    @staticmethod
+    def disk() -> str:
+        """The file system that fsync is about."""
+        directory = os.environ.get("TMPDIR", "/tmp")
+        done = subprocess.run(["stat", "--file-system", "--format=%T", directory], stdout=subprocess.PIPE, check=False)
+        return done.stdout.decode().strip()
 
     def packets(self) -> int:
         """Requests that all servers have got from clients."""

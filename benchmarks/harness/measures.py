@@ -71,16 +71,16 @@ class Effort:
 FULL = Effort(
     warm_up=500,
     rounds=1000,
-    few_rounds=300,
+    few_rounds=200,
     sizes=(3, 50, 500),
-    request_sizes=(3, 10, 50, 200),
+    request_sizes=(3, 50, 200),
     settings=(Setting(fsync=True), Setting(servers=3), Setting(servers=3, fsync=True)),
     joins=(1, 10, 100, 1000),
     crowds=(1, 100, 1000),
-    idle_seconds=10.0,
+    idle_seconds=5.0,
     events=10_000,
-    event_rounds=10,
-    failovers=5,
+    event_rounds=5,
+    failovers=3,
     micro_seconds=0.2,
 )
 QUICK = Effort(

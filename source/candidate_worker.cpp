@@ -246,13 +246,8 @@ void CandidateCore::HoldPlace(QueuePlace& place)
         }
         if (duty == Duty::Claim)
         {
-            claimAt = Claim(place);
-            if (!leading)
-            {
-                // Not sooner: the answer to the claim is word enough to begin with, and nothing should be in its way.
-                leading = true;
-                freshness = session_->KeepFresh();
-            }
+            leading = true;
+            claimAt = Claim(place, freshness);
             // At once, since it sets up what tells of the end.
             lookAt = BootClock::time_point();
         }
@@ -305,7 +300,7 @@ CandidateCore::Duty CandidateCore::AwaitDuty(BootClock::time_point claimAt, Boot
     }
 }
 
-BootClock::time_point CandidateCore::Claim(QueuePlace& place)
+BootClock::time_point CandidateCore::Claim(QueuePlace& place, Registration& freshness)
 {
     const BootClock::time_point soon = session_->Now() + SessionTimeout() / kRetriesPerTimeout;
     try
@@ -313,6 +308,8 @@ BootClock::time_point CandidateCore::Claim(QueuePlace& place)
         switch (place.TryToClaim())
         {
             case QueuePlace::Claim::Made:
+                // Not sooner: the answer to the claim is word enough to begin with, and nothing should be in its way.
+                freshness = session_->KeepFresh();
                 return Lead(place) ? BootClock::time_point::max() : soon;
             case QueuePlace::Claim::Taken: {
                 const Access access(*this);

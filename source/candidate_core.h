@@ -160,7 +160,8 @@ private:
     void EndWithTheProcess();
     void HoldPlace(QueuePlace& place);
     Duty AwaitDuty(BootClock::time_point claimAt, BootClock::time_point lookAt);
-    /// Returns when to try again, unless there is news before. With the claim made, `freshness` keeps the session fresh.
+    /// Returns when to try again, unless there is news before. With the claim made, `freshness` keeps the session
+    /// fresh.
     BootClock::time_point Claim(QueuePlace& place, Registration& freshness);
     /// False when the servers were not heard from for so long that it cannot.
     bool Lead(const QueuePlace& place);

@@ -139,4 +139,16 @@ std::chrono::nanoseconds Driver::Join()
     return end - begin;
 }
 
+std::chrono::nanoseconds Driver::LookAtAll() const
+{
+    const std::vector<std::string> queue = handle_.Children(election_.path);
+    const Clock::time_point begin = Clock::now();
+    for (const std::string& node : queue)
+    {
+        const std::string path = election_.path + "/" + node;
+        Insist(zoo_exists(handle_.Get(), path.c_str(), 0, nullptr), "look at " + path);
+    }
+    return Clock::now() - begin;
+}
+
 }  // namespace kx::velmor::benchmarks

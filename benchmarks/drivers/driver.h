@@ -39,6 +39,10 @@ public:
     /// How long the first one, who is in no queue yet, takes to join behind the fillers. It leaves again.
     std::chrono::nanoseconds Join();
 
+    /// How long it takes to ask the servers for each node of the queue, one after the other, with the client library
+    /// alone.
+    std::chrono::nanoseconds LookAtAll() const;
+
 private:
     struct Member
     {

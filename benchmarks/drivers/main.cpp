@@ -4,6 +4,7 @@
 //   leave        the first half of that: "leave <nanoseconds>"
 //   rejoin       the second: "rejoin"
 //   join         with --outside: one joins, and leaves again: "join <nanoseconds>"
+//   look         each node of the queue is asked for, with the client library alone: "look <nanoseconds>"
 //   events <n>   how many events a session delivers per second, of as many: "events <per second>"
 //   quit         as the end of input: everybody leaves
 //
@@ -83,6 +84,10 @@ void Serve(Driver& driver, const Election& election, EventRate eventRate)
         else if (verb == "join")
         {
             Answer(verb, driver.Join());
+        }
+        else if (verb == "look")
+        {
+            Answer(verb, driver.LookAtAll());
         }
         else if (std::size_t events = 0; verb == "events" && words >> events && events > 0)
         {

@@ -269,8 +269,12 @@ class Bench:
             )
             warm_up = min(self._effort.warm_up, rounds)
             samples = self._in_turns(children, lambda child: child.ask("join") / 1e3, warm_up, rounds)
+            floor = {contender: child for contender, child in children.items() if contender.name == "floor"}
+            looks = self._in_turns(floor, lambda child: child.ask("look") / 1e3, 0, rounds if position > 1 else 0)
         for contender, values in samples.items():
             self._keep("join", {"position": position}, contender, "us", values)
+        for contender, values in looks.items():
+            self._keep("looks at all in the queue", {"position": position}, contender, "us", values)
 
     def requests(self, candidates: int) -> None:
         """What the servers get from all clients together, per handover and per turn: a handover and joining again."""

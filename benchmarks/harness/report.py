@@ -137,6 +137,14 @@ def _targets(result: dict[str, Any]) -> list[str]:
             for name in ("median", "p95"):
                 if figure[name] is not None and peer[name] is not None:
                     targets.at_most(f"{what} {name} over that of {peer['contender']}", figure[name] / peer[name], 1.0)
+    parts = [
+        targets.find("join", "recipe", position=100),
+        targets.find("join", "floor", position=100),
+        targets.find("looks at all in the queue", "floor", position=100),
+    ]
+    if all(parts):
+        join, least, looks = (part["median"] for part in parts if part)
+        targets.at_most("joining as number 100: recipe's median over the floor's and 99 looks", join / (least + looks), 1.0)
     for figure in result["figures"]:
         if (figure["measure"], figure["contender"]) == ("requests per handover", "recipe"):
             targets.at_most(f"requests per handover, {_case(figure['case'])}", figure["median"], 4)

@@ -69,9 +69,9 @@ class Effort:
 
 
 FULL = Effort(
-    warm_up=500,
-    rounds=1000,
-    few_rounds=200,
+    warm_up=400,
+    rounds=500,
+    few_rounds=100,
     sizes=(3, 50, 500),
     request_sizes=(3, 50, 200),
     settings=(Setting(fsync=True), Setting(servers=3), Setting(servers=3, fsync=True)),

@@ -180,7 +180,11 @@ std::int64_t Member::SessionId() const
 
 void Member::AwaitSessionAfter(std::int64_t old) const
 {
-    Await("a new session", [&] { return SessionId() != 0 && SessionId() != old; });
+    Await("a new session", [&] {
+        // Asked for once: between the two there is none.
+        const std::int64_t now = SessionId();
+        return now != 0 && now != old;
+    });
 }
 
 ScenarioFixture::ScenarioFixture(std::size_t servers) : log_(journal_, kMinLogLevel), ensemble_(servers)

@@ -42,9 +42,7 @@ def contenders(build: Path) -> list[Contender]:
 
 def measure(bench: Bench, effort: Effort) -> None:
     for candidates in effort.sizes:
-        bench.handovers(Setting(), candidates, effort.rounds if candidates < 500 else effort.few_rounds)
-    for setting in effort.settings:
-        bench.handovers(setting, 3, effort.few_rounds)
+        bench.handovers(Setting(), candidates, effort.rounds)
     for position in effort.joins:
         bench.joins(position, effort.few_rounds if position < 1000 else effort.few_rounds // 5)
     for candidates in effort.request_sizes:
@@ -53,6 +51,10 @@ def measure(bench: Bench, effort: Effort) -> None:
         bench.crowds(candidates)
     bench.event_rates(effort.event_rounds)
     bench.failovers(effort.failovers)
+    for setting in effort.settings:
+        bench.handovers(setting, 3, effort.few_rounds)
+    for candidates in effort.large_sizes:
+        bench.handovers(Setting(), candidates, effort.few_rounds)
 
 
 def micro_benchmarks(build: Path, effort: Effort) -> list[dict[str, object]]:
@@ -116,6 +118,8 @@ def main() -> int:
     except (ContenderFailed, OSError) as error:
         # What has been measured by now is worth as much.
         bench.failures.append(f"not all was measured: {error}")
+    except KeyboardInterrupt:
+        bench.failures.append("not all was measured: interrupted")
     compare(bench.figures, "floor")
     result["left_out"] = bench.left_out
     result["failures"] = bench.failures

@@ -53,6 +53,8 @@ class Effort:
     few_rounds: int
     # Candidates in the queue, of handovers and of counted requests.
     sizes: tuple[int, ...]
+    # With fewer rounds.
+    large_sizes: tuple[int, ...]
     request_sizes: tuple[int, ...]
     # Besides one server without fsync, with three candidates.
     settings: tuple[Setting, ...]
@@ -72,7 +74,8 @@ FULL = Effort(
     warm_up=400,
     rounds=500,
     few_rounds=100,
-    sizes=(3, 50, 500),
+    sizes=(3, 50),
+    large_sizes=(500,),
     request_sizes=(3, 50, 200),
     settings=(Setting(fsync=True), Setting(servers=3), Setting(servers=3, fsync=True)),
     joins=(1, 10, 100, 1000),
@@ -88,6 +91,7 @@ QUICK = Effort(
     rounds=200,
     few_rounds=60,
     sizes=(3, 50),
+    large_sizes=(),
     request_sizes=(3, 50),
     settings=(Setting(servers=3),),
     joins=(1, 10, 100),
@@ -104,6 +108,7 @@ TRIAL = Effort(
     rounds=3,
     few_rounds=2,
     sizes=(3,),
+    large_sizes=(),
     request_sizes=(3,),
     settings=(),
     joins=(2,),

@@ -136,8 +136,5 @@ def main() -> int:
 if __name__ == "__main__":
     try:
         sys.exit(main())
-    except ContenderFailed as error:
-        print(f"script/bench: {error}", file=sys.stderr)
-        sys.exit(1)
     except KeyboardInterrupt:
         sys.exit(130)

@@ -30,7 +30,6 @@ class Progress:
         self._shown = 0.0
 
     def begin(self, what: str) -> None:
-        self._what = what
         print(f"[{time.monotonic() - self._began:4.0f} s] {what}", file=sys.stderr, flush=True)
 
     def note(self, text: str) -> None:
@@ -207,6 +206,9 @@ class Bench:
     def _own(self) -> list[Contender]:
         return [contender for contender in self._contenders if not contender.peer]
 
+    def _able(self, candidates: int) -> list[Contender]:
+        return [contender for contender in self._contenders if contender.most_candidates >= candidates]
+
     # Measures
 
     def handovers(self, setting: Setting, candidates: int, rounds: int) -> None:
@@ -215,8 +217,8 @@ class Bench:
         with Servers(self._servers_program, setting) as servers, ExitStack() as stack:
             able = [
                 contender
-                for contender in self._contenders
-                if contender.most_candidates >= candidates and (setting.servers == 1 or "own-servers" not in contender.extra)
+                for contender in self._able(candidates)
+                if setting.servers == 1 or "own-servers" not in contender.extra
             ]
             children = self._start_all(stack, servers, setting, able, f"--candidates={candidates}", "--session-timeout=30000")
             samples = self._in_turns(children, lambda child: child.ask("handover") / 1e3, self._effort.warm_up, rounds)
@@ -285,11 +287,9 @@ class Bench:
         """What the servers get from all clients together, per handover and per turn: a handover and joining again."""
         self.progress.begin(f"requests, {candidates} candidates")
         setting = Setting()
-        able = [contender for contender in self._contenders if contender.most_candidates >= candidates]
+        able = [contender for contender in self._able(candidates) if "own-servers" not in contender.extra]
         with Servers(self._servers_program, setting) as servers:
             for contender in able:
-                if "own-servers" in contender.extra:
-                    continue
                 with ExitStack() as stack:
                     children = self._start_all(stack, servers, setting, [contender], f"--candidates={candidates}",
                                                "--session-timeout=60000")
@@ -332,16 +332,12 @@ class Bench:
         with Servers(self._servers_program, setting) as servers:
             for contender in self._own:
                 empty = self._footprint(servers, setting, contender, 0, "--outside")
-                if contender.name != "floor":
+                if contender.name == "recipe":
                     # A session of both of ours is the same.
-                    if contender.name == "recipe":
-                        self._note_crowd("session", candidates, empty,
-                                         self._footprint(servers, setting, contender, candidates, "--outside"))
-                    self._note_crowd("candidate", candidates, empty,
-                                     self._footprint(servers, setting, contender, candidates), contender)
-                else:
-                    self._note_crowd("candidate", candidates, empty,
-                                     self._footprint(servers, setting, contender, candidates), contender)
+                    self._note_crowd("session", candidates, empty,
+                                     self._footprint(servers, setting, contender, candidates, "--outside"))
+                self._note_crowd("candidate", candidates, empty,
+                                 self._footprint(servers, setting, contender, candidates), contender)
 
     def _note_crowd(self, what: str, candidates: int, empty: Footprint, full: Footprint,
                     contender: Contender | None = None) -> None:

@@ -16,12 +16,13 @@ const std::string kLastClaim = "data /election-identities";
 class CandidateHandoverTest : public MemberTest
 {
 protected:
-    /// A candidate whose reads are counted, next behind `leader`, and prepared to lead.
+    /// Has a candidate whose reads are counted come to be next, and prepare to lead. They count from then on.
     void Prepare(Candidate& candidate)
     {
         candidate.Start();
         ASSERT_TRUE(candidate.WaitForRole(Role::NextLeader, kPatience));
         AdvanceUntil("preparation", [&] { return counting_->Count(kLastClaim) > 0; });
+        counting_->Forget();
     }
 
     CandidateOptions Options() const
@@ -61,7 +62,6 @@ TEST_F(CandidateHandoverTest, NextOneHasReadBeforehandWhatItNeedsToLead)
     options.onLeader = [&](const Leadership&) { reads.set_value(counting_->Count(kLastClaim)); };
     Candidate second(counting_, options);
     Prepare(second);
-    counting_->Forget();
     first->Stop();
     EXPECT_EQ(reads.get_future().get(), 0);
 }
@@ -72,7 +72,6 @@ TEST_F(CandidateHandoverTest, NextOneReadsAgainWhatHasChangedSince)
     first.Become(Role::Leader);
     Candidate second(counting_, Options());
     Prepare(second);
-    counting_->Forget();
     service_.Set("/election-identities", service_.Data("/election-identities"));
     first->Stop();
     EXPECT_TRUE(second.WaitForRole(Role::Leader, kPatience));
@@ -85,7 +84,6 @@ TEST_F(CandidateHandoverTest, NextOneReadsAnewAsTimePasses)
     first.Become(Role::Leader);
     Candidate second(counting_, Options());
     Prepare(second);
-    counting_->Forget();
     service_.Advance(counting_->Status().negotiatedTimeout);
     Await("another preparation", [&] { return counting_->Count(kLastClaim) > 0; });
     EXPECT_EQ(second.CurrentRole(), Role::NextLeader);

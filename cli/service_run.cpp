@@ -93,9 +93,7 @@ ServiceRun::ServiceRun(const Settings& settings, RunOptions options, Warden& war
             reachedServers_ = true;
         }
     });
-    heard_ = session_->OnHeard([this](std::int64_t sessionId, BootClock::time_point heard) {
-        Post([this, sessionId, heard] { OnHeard(sessionId, heard); });
-    });
+    heard_ = session_->OnHeard([this](std::int64_t, BootClock::time_point) { Post([this] { UpdateLease(); }); });
     const auto measured = std::make_shared<MeasuredSession>(
         session_, [this](steady_clock::duration duration) { figures_.OnCheck(duration); });
     candidate_.emplace(measured, ElectionOptions());
@@ -390,24 +388,22 @@ bool ServiceRun::TakeLease(const Leadership& leadership)
 {
     const SessionStatus status = session_->Status();
     // Only one that stands still after the look is known to be one of the session that was looked at.
-    if (!status.lastHeard || !leadership.Stands())
+    if (!status.leaseEnd || !leadership.Stands())
     {
         return false;
     }
     leaseSession_ = status.sessionId;
-    leaseTimeout_ = status.negotiatedTimeout;
     fresh_ = session_->KeepFresh();
-    SetLease(*status.lastHeard);
+    SetLease(status);
     return true;
 }
 
-void ServiceRun::SetLease(BootClock::time_point heard)
+void ServiceRun::SetLease(const SessionStatus& status)
 {
-    // A server may end the session three quarters of its timeout after a sign of life that a follower of it was given,
-    // and nobody leads after two thirds. What is between is for those who do not end when they are asked to, and half
-    // of it for their killing to take effect.
-    leaseHeard_ = heard;
-    warden_.SetLease(heard + leaseTimeout_ * 2 / 3, heard + leaseTimeout_ * 17 / 24);
+    // The servers keep the session for a twelfth of the timeout beyond the lease. The first half of that is for
+    // processes that do not end when they are asked to, the second for their killing to take effect.
+    leaseEnd_ = *status.leaseEnd;
+    warden_.SetLease(leaseEnd_, leaseEnd_ + std::chrono::nanoseconds(status.minTimeout) / 24);
 }
 
 void ServiceRun::DropLease()
@@ -417,14 +413,20 @@ void ServiceRun::DropLease()
     warden_.ClearLease();
 }
 
-void ServiceRun::OnHeard(std::int64_t sessionId, BootClock::time_point heard)
+void ServiceRun::UpdateLease()
 {
-    if (leaseSession_ == 0 || sessionId != leaseSession_ || heard <= leaseHeard_)
+    if (leaseSession_ == 0)
     {
         return;
     }
-    const bool wasOver = BootClock::now() >= leaseHeard_ + leaseTimeout_ * 2 / 3;
-    SetLease(heard);
+    // What is known now: a lease that was shortened since the call was posted must not grow again.
+    const SessionStatus status = session_->Status();
+    if (status.sessionId != leaseSession_ || !status.leaseEnd || *status.leaseEnd == leaseEnd_)
+    {
+        return;
+    }
+    const bool wasOver = BootClock::now() >= leaseEnd_;
+    SetLease(status);
     if (wasOver && leading_ && options_.standby)
     {
         // This process was late and not the servers: the warden has told the command of an end that there was not.

@@ -102,7 +102,8 @@ private:
     void OnNext();
     void OnWaitedLong();
     void OnSignal(int signal);
-    void OnHeard(std::int64_t sessionId, BootClock::time_point heard);
+    /// Takes over what the session knows of the lease by now.
+    void UpdateLease();
 
     void OnReports();
     void OnReport(const WardenReport& report);
@@ -113,7 +114,7 @@ private:
 
     /// False when the leadership is over already.
     bool TakeLease(const Leadership& leadership);
-    void SetLease(BootClock::time_point heard);
+    void SetLease(const SessionStatus& status);
     void DropLease();
     void StartService(std::map<std::string, std::string> environment);
     void StartHook(const char* name, const std::string& command, std::chrono::milliseconds limit,
@@ -172,8 +173,7 @@ private:
     std::optional<std::chrono::steady_clock::time_point> interrupted_;
     /// The session that the lease is one of; 0 while there is no lease.
     std::int64_t leaseSession_ = 0;
-    std::chrono::milliseconds leaseTimeout_{0};
-    BootClock::time_point leaseHeard_;
+    BootClock::time_point leaseEnd_;
     std::string lastLine_;
     RestartDelay delay_;
     std::chrono::milliseconds pause_{0};

@@ -4,6 +4,7 @@
 #include "source/candidate_core.h"
 #include "source/candidate_log.h"
 #include "source/exit_gate.h"
+#include "source/session_lifetime.h"
 
 #include <kx/velmor/error.h>
 
@@ -66,7 +67,7 @@ void CandidateCore::Work()
     const Registration states = session_->OnStateChange([awaken](const SessionStatus&) { awaken(); });
     const Registration jumps = session_->OnClockJump(awaken);
     const Registration hearing = session_->OnHeard(
-        [lease = lease_](std::int64_t session, BootClock::time_point lastHeard) { lease->Extend(session, lastHeard); });
+        [lease = lease_](std::int64_t session, BootClock::time_point end) { lease->Update(session, end); });
     const Registration endings =
         session_->OnEnding([lease = lease_](std::int64_t session) { lease->EndSession(session); });
 
@@ -302,10 +303,11 @@ CandidateCore::Duty CandidateCore::AwaitDuty(BootClock::time_point claimAt, Boot
 
 BootClock::time_point CandidateCore::Claim(QueuePlace& place, Registration& freshness)
 {
-    const BootClock::time_point soon = session_->Now() + SessionTimeout() / kRetriesPerTimeout;
+    const SessionStatus status = session_->Status();
+    const BootClock::time_point soon = session_->Now() + status.negotiatedTimeout / kRetriesPerTimeout;
     try
     {
-        switch (place.TryToClaim())
+        switch (place.TryToClaim(SessionLifetime::LeaseLength(status.minTimeout)))
         {
             case QueuePlace::Claim::Made:
                 // Not sooner: the answer to the claim is word enough to begin with, and nothing should be in its way.
@@ -316,6 +318,12 @@ BootClock::time_point CandidateCore::Claim(QueuePlace& place, Registration& fres
                 Log(LogLevel::Info, "Candidate " + signature_.identity + " is first in " + electionPath_ +
                                         " and waits for the one before to have finished");
                 return session_->Now() + SessionTimeout() / kLeadersLooksPerTimeout;
+            }
+            case QueuePlace::Claim::Waiting: {
+                const Access access(*this);
+                Log(LogLevel::Info, "Candidate " + signature_.identity + " is first in " + electionPath_ +
+                                        " and waits until the lease of the last leader is surely over");
+                return place.LastLeaseEnd();
             }
             case QueuePlace::Claim::Gone: {
                 const Access access(*this);
@@ -346,8 +354,8 @@ bool CandidateCore::Lead(const QueuePlace& place)
     {
         return true;
     }
-    if (status.sessionId != stay_.session || !status.lastHeard ||
-        !lease_->Grant(stay_.number, stay_.session, status.negotiatedTimeout, *status.lastHeard))
+    if (status.sessionId != stay_.session || !status.leaseEnd ||
+        !lease_->Grant(stay_.number, stay_.session, *status.leaseEnd))
     {
         return false;
     }

@@ -1,6 +1,7 @@
 #include "source/client_handle.h"
 
 #include "source/client_log.h"
+#include "source/result_codes.h"
 #include "source/thread_state.h"
 
 #include <arpa/inet.h>
@@ -8,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <limits>
 #include <thread>
 #include <utility>
 
@@ -28,6 +28,9 @@ bool FromServer(int rc)
     return rc == ZOK || (rc < ZAPIERROR && rc != ZSESSIONEXPIRED && rc != ZAUTHFAILED && rc != ZCLOSING &&
                          rc != ZNOTHING && rc != ZSESSIONMOVED);
 }
+
+/// No client creates this node, and no client needs a permission to learn that it does not exist.
+constexpr const char* kNoSuchNode = "/zookeeper/no-such-node";
 
 /// The server that a handle is connected to, as "address:port"; empty when it cannot be told.
 std::string ConnectedServer(zhandle_t* zh)
@@ -90,11 +93,8 @@ int ClientHandle::Submit(Kind kind, const std::shared_ptr<Request>& request, Fun
     {
         return ZCLOSING;
     }
-    auto owned = std::make_unique<Call>(Call{this, request, std::move(watchedPath), {}, std::move(outcomes)});
-    if (kind == Kind::Write)
-    {
-        owned->asked = BootClock::now();
-    }
+    auto owned = std::make_unique<Call>(
+        Call{this, request, std::move(watchedPath), kind, BootClock::now(), std::move(outcomes)});
     const Call* const call = owned.get();
     {
         const MutexLock callsLock(callsMutex_);
@@ -156,22 +156,20 @@ int ClientHandle::WatchExists(const std::shared_ptr<Request>& request, const std
 int ClientHandle::Delete(const std::shared_ptr<Request>& request, const std::string& path)
 {
     constexpr int kAnyVersion = -1;
-    return Delete(request, path, kAnyVersion);
-}
-
-int ClientHandle::DeleteNothing(const std::shared_ptr<Request>& request)
-{
-    // Below a node that belongs to the servers. Nobody makes this one, and whoever does has nothing to lose: nodes
-    // do not get as far as this version.
-    constexpr int kNoVersion = std::numeric_limits<int>::max();
-    return Delete(request, "/zookeeper/no-such-node", kNoVersion);
-}
-
-int ClientHandle::Delete(const std::shared_ptr<Request>& request, const std::string& path, int version)
-{
     return Submit(Kind::Write, request, [&](zhandle_t* zh, const void* call) {
-        return zoo_adelete(zh, path.c_str(), version, &ClientHandle::OnVoid, call);
+        return zoo_adelete(zh, path.c_str(), kAnyVersion, &ClientHandle::OnVoid, call);
     });
+}
+
+int ClientHandle::ReadNothing(const std::shared_ptr<Request>& request)
+{
+    return Exists(request, kNoSuchNode);
+}
+
+int ClientHandle::WriteNothing(const std::shared_ptr<Request>& request)
+{
+    // A transaction, since servers that check permissions eagerly do not look into it.
+    return Transact(request, {Operation::Check(kNoSuchNode)}, ZOO_OPEN_ACL_UNSAFE);
 }
 
 int ClientHandle::Transact(const std::shared_ptr<Request>& request, const std::vector<Operation>& operations,
@@ -326,9 +324,9 @@ void ClientHandle::OnAnswer(int rc, const void* data, const std::function<void(R
 {
     ClientHandle& self = *static_cast<const Call*>(data)->handle;
     const auto call = self.Take(data);
-    if (call->asked && FromServer(rc))
+    if (AgreedByMajority(rc))
     {
-        self.events_.OnHeard(self.generation_, *call->asked);
+        self.events_.OnServerAnswer(self.generation_, call->sent, call->kind == Kind::Write);
     }
     const bool awaited = call->request->Finish(rc, store);
     if (!awaited && !call->watchedPath.empty() && (rc == ZOK || rc == ZNONODE))

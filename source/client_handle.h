@@ -41,8 +41,9 @@ public:
     virtual void OnNodeEvent(std::uint64_t generation, int type, int state, const char* path) noexcept = 0;
     /// A watch was armed for a request that nobody waits for any more.
     virtual void OnLateWatch(std::uint64_t generation, const std::string& path) noexcept = 0;
-    /// The servers have agreed on a write that was handed to the client library at `asked`, or on refusing it.
-    virtual void OnHeard(std::uint64_t generation, BootClock::time_point asked) noexcept = 0;
+    /// A server has answered a request that was handed to the client library at `sent`. `agreed`: it was a write, and a
+    /// majority of the servers has agreed on the answer.
+    virtual void OnServerAnswer(std::uint64_t generation, BootClock::time_point sent, bool agreed) noexcept = 0;
 
 protected:
     ~ClientEvents() = default;
@@ -81,8 +82,10 @@ public:
     int Exists(const std::shared_ptr<Request>& request, const std::string& path);
     int WatchExists(const std::shared_ptr<Request>& request, const std::string& path);
     int Delete(const std::shared_ptr<Request>& request, const std::string& path);
-    /// A write that changes nothing: a majority of the servers has to agree on that, too.
-    int DeleteNothing(const std::shared_ptr<Request>& request);
+    /// A read that any client may make and that finds nothing.
+    int ReadNothing(const std::shared_ptr<Request>& request);
+    /// A write that changes nothing, and takes no permission: a majority of the servers has to agree on that, too.
+    int WriteNothing(const std::shared_ptr<Request>& request);
     /// All or nothing. Nodes get `acl`. Paths must be valid: the client library would lose memory over one that is not.
     int Transact(const std::shared_ptr<Request>& request, const std::vector<Operation>& operations,
                  const ACL_vector& acl);
@@ -100,21 +103,22 @@ public:
     void Close(int rc);
 
 private:
+    enum class Kind
+    {
+        Read,
+        Write,
+    };
     /// What the client library gets as the context of a call.
     struct Call
     {
         ClientHandle* handle;
         std::shared_ptr<Request> request;
         std::string watchedPath;
-        /// Of a write, when it was handed over.
-        std::optional<BootClock::time_point> asked;
+        Kind kind;
+        /// When it was handed over.
+        BootClock::time_point sent;
         /// Of a transaction. Stays where it is until the answer.
         TransactionOutcomes outcomes;
-    };
-    enum class Kind
-    {
-        Read,
-        Write,
     };
 
     ClientHandle(std::uint64_t generation, std::string credentials, ClientEvents& events);
@@ -122,7 +126,6 @@ private:
     template <typename Function>
     int Submit(Kind kind, const std::shared_ptr<Request>& request, Function&& function, std::string watchedPath = {},
                TransactionOutcomes outcomes = {});
-    int Delete(const std::shared_ptr<Request>& request, const std::string& path, int version);
     /// Takes a call over from the library.
     std::unique_ptr<Call> Take(const void* data);
     /// What the trampolines of all answers come to.

@@ -2,6 +2,7 @@
 
 #include <kx/velmor/path.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -11,6 +12,14 @@ namespace kx::velmor {
 namespace {
 
 constexpr std::size_t kSessionDigits = 16;
+
+/// 0 for what is not a number.
+std::int64_t Number(const std::string& data)
+{
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(data.data(), data.data() + data.size(), number);
+    return error == std::errc() && end == data.data() + data.size() ? number : 0;
+}
 
 }  // namespace
 
@@ -47,6 +56,11 @@ std::string ClaimPath(const std::string& electionPath)
     return IdentitiesPath(electionPath) + "/leader";
 }
 
+std::string LeasePath(const std::string& electionPath)
+{
+    return IdentitiesPath(electionPath) + "/lease";
+}
+
 std::string Encode(const Signature& signature)
 {
     return signature.instance + " " + signature.identity;
@@ -62,6 +76,18 @@ Signature DecodeSignature(const std::string& data)
     return {data.substr(0, blank), data.substr(blank + 1)};
 }
 
+std::string EncodeLease(std::chrono::milliseconds length)
+{
+    return std::to_string(length.count());
+}
+
+std::chrono::milliseconds DecodeLease(const std::string& data)
+{
+    // No session lasts for a year.
+    constexpr std::chrono::milliseconds kMaxLease = std::chrono::hours(24 * 365);
+    return std::clamp(std::chrono::milliseconds(Number(data)), std::chrono::milliseconds(0), kMaxLease);
+}
+
 std::string EncodeEpoch(std::int64_t epoch)
 {
     return std::to_string(epoch);
@@ -69,9 +95,7 @@ std::string EncodeEpoch(std::int64_t epoch)
 
 std::int64_t DecodeEpoch(const std::string& data)
 {
-    std::int64_t epoch = 0;
-    const auto [end, error] = std::from_chars(data.data(), data.data() + data.size(), epoch);
-    return error == std::errc() && end == data.data() + data.size() ? epoch : 0;
+    return Number(data);
 }
 
 }  // namespace kx::velmor

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,9 +12,11 @@ namespace kx::velmor {
 ///     /election                                              the queue, as the recipe makes it
 ///     /election/c-0000000042
 ///     /election-identities                                   persistent; holds the epoch of the last leadership
-///     /election-identities/c-0000000042-0100003e8f2a0001     ephemeral; who owns the node with this name in this
-///     session /election-identities/leader                            ephemeral; made by who leads, and by nobody else
-///     meanwhile
+///     /election-identities/c-0000000042-0100003e8f2a0001     ephemeral; the candidate that owns the node of this
+///                                                            name in this session
+///     /election-identities/leader                            ephemeral; made by the candidate that leads
+///     /election-identities/lease                             persistent; made with the claim, deleted when the lead is
+///                                                            given back: holds how long a lease can outlast the claim
 
 /// "/a/b" for "a//b/". Throws `VelmorError` for a path that names no node.
 std::string ElectionPath(const std::string& path);
@@ -33,6 +36,9 @@ std::string SessionText(std::int64_t session);
 /// Where who leads says so.
 std::string ClaimPath(const std::string& electionPath);
 
+/// Exists from a claim until its owner gives the lead back. It stays when the claim goes with its session.
+std::string LeasePath(const std::string& electionPath);
+
 /// What the nodes of an identity and of a claim hold.
 struct Signature
 {
@@ -43,6 +49,11 @@ struct Signature
 
 std::string Encode(const Signature& signature);
 Signature DecodeSignature(const std::string& data);
+
+/// Milliseconds, in decimal.
+std::string EncodeLease(std::chrono::milliseconds length);
+/// 0 for what is not a number of milliseconds.
+std::chrono::milliseconds DecodeLease(const std::string& data);
 
 std::string EncodeEpoch(std::int64_t epoch);
 /// 0 for what is no epoch.

@@ -27,20 +27,33 @@ void EventLoop::Start(std::function<void()> main)
     threadId_ = thread_.get_id();
 }
 
-void EventLoop::Run()
+void EventLoop::Run(const Idle& idle)
 {
     for (;;)
     {
+        const Clock::time_point wake = idle ? idle() : Clock::time_point::max();
         std::pair<Task, AtExit> task;
         {
             const MutexLock lock(mutex_);
-            while (tasks_.empty() && !finishing_)
+            bool inTime = true;
+            while (tasks_.empty() && !finishing_ && inTime)
             {
-                changed_.Wait(mutex_);
+                if (wake == Clock::time_point::max())
+                {
+                    changed_.Wait(mutex_);
+                }
+                else
+                {
+                    inTime = changed_.WaitUntil(mutex_, wake);
+                }
             }
             if (tasks_.empty())
             {
-                return;
+                if (finishing_)
+                {
+                    return;
+                }
+                continue;
             }
             task = std::move(tasks_.front());
             tasks_.pop_front();

@@ -34,8 +34,12 @@ public:
     /// Throws `std::system_error` when there is no thread to be had.
     void Start(std::function<void()> main);
 
-    /// Runs tasks until `Finish` has been called and the queue is empty. For the event thread.
-    void Run();
+    /// Does what is due and returns when to call it again.
+    using Idle = std::function<Clock::time_point()>;
+
+    /// Runs tasks until `Finish` has been called and the queue is empty. Calls `idle` before each task and each wait.
+    /// For the event thread.
+    void Run(const Idle& idle = {});
 
     /// Does not block, beyond the queue's own lock. Tasks posted after `Finish` are dropped.
     void Post(Task task, AtExit atExit = AtExit::Drop);

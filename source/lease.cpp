@@ -4,15 +4,17 @@
 
 namespace kx::velmor {
 
-bool Lease::Grant(std::uint64_t leadership, std::int64_t session, std::chrono::milliseconds sessionTimeout,
-                  BootClock::time_point lastHeard)
+bool Lease::Grant(std::uint64_t leadership, std::int64_t session, BootClock::time_point end)
 {
     const MutexLock lock(mutex_);
     end_ = 0;
     leadership_ = leadership;
     session_ = session;
-    length_ = Length(sessionTimeout);
-    const BootClock::time_point end = lastHeard + length_;
+    if (session == updated_)
+    {
+        // A smaller timeout may have been granted since the caller asked.
+        end = std::min(end, newestEnd_);
+    }
     if (session == ended_ || end <= now_())
     {
         return false;
@@ -21,12 +23,14 @@ bool Lease::Grant(std::uint64_t leadership, std::int64_t session, std::chrono::m
     return true;
 }
 
-void Lease::Extend(std::int64_t session, BootClock::time_point lastHeard)
+void Lease::Update(std::int64_t session, BootClock::time_point end)
 {
     const MutexLock lock(mutex_);
+    updated_ = session;
+    newestEnd_ = end;
     if (session == session_ && now_() < End())
     {
-        Set(std::max(End(), lastHeard + length_));
+        Set(end);
     }
 }
 

@@ -12,32 +12,25 @@
 
 namespace kx::velmor {
 
-/// How long a leadership can be relied on without another word from the servers.
-///
-/// The servers keep a session for its timeout after they last heard from it. What is known of that is when the newest
-/// write that was answered had been sent; they heard it later. A follower passes on whom it has heard once every half
-/// tick, and a timeout is at least two ticks, so that up to a quarter of it may be lost when a follower fails. Two
-/// thirds leave that much, and some more for clocks that do not run at one speed.
+/// How long a leadership can be relied on without another word from the servers: until the end of its session's lease,
+/// which `SessionLifetime` reckons.
 ///
 /// Threads: any. What asks takes no lock.
 class Lease
 {
 public:
-    /// The part of a session timeout that counts as certain.
-    static std::chrono::milliseconds Length(std::chrono::milliseconds sessionTimeout) { return sessionTimeout * 2 / 3; }
-
     using Now = std::function<BootClock::time_point()>;
 
     /// `now` must not block.
     explicit Lease(Now now) : now_(std::move(now)) {}
 
-    /// From now on `leadership` has the lease, while `session` was heard at `lastHeard`. False, with no lease to
-    /// anybody, when that has run out, or the session has ended.
-    bool Grant(std::uint64_t leadership, std::int64_t session, std::chrono::milliseconds sessionTimeout,
-               BootClock::time_point lastHeard);
+    /// From now on `leadership` has the lease, until `end` as far as the caller knows. False, with no lease to any
+    /// leadership, when it has run out or the session has ended.
+    bool Grant(std::uint64_t leadership, std::int64_t session, BootClock::time_point end);
 
-    /// `session` was heard again. A lease that has run out stays so: its end may have been seen.
-    void Extend(std::int64_t session, BootClock::time_point lastHeard);
+    /// The lease of `session` ends at `end` by now, sooner or later than before. A lease that has run out stays so: its
+    /// end may have been seen.
+    void Update(std::int64_t session, BootClock::time_point end);
 
     void Revoke();
 
@@ -65,7 +58,9 @@ private:
     mutable Mutex mutex_;
     std::int64_t ended_ KX_GUARDED_BY(mutex_) = 0;
     std::int64_t session_ KX_GUARDED_BY(mutex_) = 0;
-    std::chrono::milliseconds length_ KX_GUARDED_BY(mutex_){0};
+    /// The last `Update`.
+    std::int64_t updated_ KX_GUARDED_BY(mutex_) = 0;
+    BootClock::time_point newestEnd_ KX_GUARDED_BY(mutex_){};
 };
 
 }  // namespace kx::velmor

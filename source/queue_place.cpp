@@ -169,7 +169,24 @@ void QueuePlace::PrepareToClaim()
     lastClaim_ = ReadLastClaim();
 }
 
-QueuePlace::Claim QueuePlace::TryToClaim()
+void QueuePlace::ReadLastLease()
+{
+    std::string length;
+    Stat stat{};
+    const int rc = session_->GetData(LeasePath(electionPath_), length, &stat);
+    RequireGone(rc);
+    if (rc == ZNONODE)
+    {
+        lastLease_.reset();
+    }
+    else if (!lastLease_ || lastLease_->written != stat.mzxid)
+    {
+        const std::chrono::milliseconds decoded = DecodeLease(length);
+        lastLease_ = LastLease{stat.mzxid, stat.version, decoded, session_->Now() + decoded};
+    }
+}
+
+QueuePlace::Claim QueuePlace::TryToClaim(std::chrono::milliseconds lease)
 {
     for (;;)
     {
@@ -189,16 +206,26 @@ QueuePlace::Claim QueuePlace::TryToClaim()
             return Claim::Outdated;
         }
 
+        // The last leader's session may have had a timeout that its owner did not know of: the reply that granted it
+        // can be lost. Servers that grant this session as much as they granted that one have ended it after its lease.
+        if (lastLease_ && lastLease_->length > lease && session_->Now() < lastLease_->end)
+        {
+            return Claim::Waiting;
+        }
+
         mayHaveClaim_ = true;
         constexpr std::size_t kOurNodes = 2;
         constexpr std::size_t kClaimNode = 3;
+        constexpr std::size_t kLeaseNode = 4;
+        const std::string leasePath = LeasePath(electionPath_);
+        const std::vector<Operation> claiming{
+            Operation::Check(path_), Operation::Check(identityPath_),
+            Operation::Set(IdentitiesPath(electionPath_), EncodeEpoch(epoch_), last->version),
+            Operation::Create(ClaimPath(electionPath_), signature_, NodeMode::Ephemeral),
+            lastLease_ ? Operation::Set(leasePath, EncodeLease(lease), lastLease_->version)
+                       : Operation::Create(leasePath, EncodeLease(lease))};
         TransactionResult result;
-        const int rc =
-            session_->TransactIn(sessionId_,
-                                 {Operation::Check(path_), Operation::Check(identityPath_),
-                                  Operation::Set(IdentitiesPath(electionPath_), EncodeEpoch(epoch_), last->version),
-                                  Operation::Create(ClaimPath(electionPath_), signature_, NodeMode::Ephemeral)},
-                                 result);
+        const int rc = session_->TransactIn(sessionId_, claiming, result);
         if (rc == ZOK)
         {
             claimVersion_ = last->version + 1;
@@ -221,6 +248,12 @@ QueuePlace::Claim QueuePlace::TryToClaim()
             {
                 return claim;
             }
+        }
+        else if (result.refused == kLeaseNode && (rc == ZNODEEXISTS || rc == ZNONODE || rc == ZBADVERSION))
+        {
+            // There is no claim, and the lead was not given back; or what was left behind has changed.
+            ReadLastLease();
+            lastClaim_ = last;
         }
         else if (rc != ZBADVERSION)
         {
@@ -337,6 +370,7 @@ void QueuePlace::ReleaseClaim()
         std::vector<Operation> release{Operation::Check(IdentitiesPath(electionPath_), *claimVersion_),
                                        Operation::Delete(ClaimPath(electionPath_))};
         const std::size_t claimOnly = release.size();
+        release.push_back(Operation::Delete(LeasePath(electionPath_)));
         if (mayHaveIdentity_)
         {
             release.push_back(Operation::Delete(identityPath_));

@@ -7,6 +7,7 @@
 #include <kx/velmor/election_session.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -47,6 +48,8 @@ public:
         Gone,
         /// There has been a leadership with a greater epoch: this place is too old to lead.
         Outdated,
+        /// The last leader ended without giving the lead back, and its lease may last until `LastLeaseEnd`.
+        Waiting,
     };
 
     QueuePlace(std::shared_ptr<ElectionSession> session, std::string electionPath, std::int64_t sessionId,
@@ -61,8 +64,11 @@ public:
     /// Throws `VelmorError` of other kinds, too.
     void Join();
 
-    /// After `Made`, or `Gone`, there is nothing more to claim.
-    Claim TryToClaim();
+    /// `lease` is the longest lease that the session can have. After `Made`, or `Gone`, there is nothing more to claim.
+    Claim TryToClaim(std::chrono::milliseconds lease);
+
+    /// After `Waiting`: when to claim again.
+    BootClock::time_point LastLeaseEnd() const { return lastLease_.value().end; }
 
     /// Reads beforehand what `TryToClaim` needs, which is one round trip shorter then, and one longer if somebody
     /// claims the lead in between.
@@ -97,8 +103,21 @@ private:
         int version = 0;
     };
 
+    /// What the last leader left behind by ending without giving the lead back.
+    struct LastLease
+    {
+        /// The transaction that wrote it.
+        std::int64_t written = 0;
+        int version = 0;
+        std::chrono::milliseconds length{0};
+        /// The latest end of that lease. It is not later than the end of the claim plus the length, and the claim had
+        /// ended when this was read first.
+        BootClock::time_point end{};
+    };
+
     /// Empty when there is no such node.
     std::optional<LastClaim> ReadLastClaim() const;
+    void ReadLastLease();
     void RefuseCompany() const;
     Stat WatchNode();
     void MakeIdentity();
@@ -126,6 +145,8 @@ private:
     bool mayHaveClaim_ = false;
     /// As it was when this was prepared.
     std::optional<LastClaim> lastClaim_;
+    /// Empty until a claim has found it.
+    std::optional<LastLease> lastLease_;
     /// The version of the identities' parent since our claim, which every claim raises.
     std::optional<int> claimVersion_;
     /// Whether the node is still ours, as far as anybody has told. In an election path that was made anew, one of the

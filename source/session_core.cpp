@@ -120,7 +120,7 @@ void SessionCore::Close(bool wait)
         ending = sessionId_;
         if (first)
         {
-            lastHeard_.reset();
+            lifetime_ = SessionLifetime();
             Advance(SessionState::Closed, "");
             ++generation_;
             identity_.reset();
@@ -189,7 +189,13 @@ SessionStatus SessionCore::Status() const
 
 SessionStatus SessionCore::StatusNow() const
 {
-    return {phase_, sessionId_, negotiatedTimeout_, lastHeard_};
+    const std::chrono::milliseconds minTimeout = lifetime_.MinTimeout();
+    return {phase_,
+            sessionId_,
+            negotiatedTimeout_,
+            lifetime_.LastAgreed(),
+            minTimeout.count() != 0 ? minTimeout : negotiatedTimeout_,
+            lifetime_.LeaseEnd()};
 }
 
 Registration SessionCore::OnStateChange(ElectionSession::StateListener callback)
@@ -280,7 +286,7 @@ void SessionCore::Advance(SessionState to, const std::string& detail)
 
 void SessionCore::EndSession(int state, const std::string& detail)
 {
-    lastHeard_.reset();
+    lifetime_ = SessionLifetime();
     endedInOrder_ = phase_ != SessionState::Connecting && state == ZOO_EXPIRED_SESSION_STATE;
     Advance(SessionState::Expired, detail);
     ++generation_;
@@ -292,20 +298,30 @@ void SessionCore::EndSession(int state, const std::string& detail)
 
 void SessionCore::OnSessionEvent(std::uint64_t generation, const SessionEvent& event) noexcept
 {
-    std::int64_t ended = 0;
+    std::int64_t session = 0;
+    bool ended = false;
+    std::optional<BootClock::time_point> leaseBefore;
+    std::optional<BootClock::time_point> leaseEnd;
     {
         const MutexLock lock(mutex_);
         if (generation != generation_)
         {
             return;
         }
-        const std::int64_t session = sessionId_;
+        session = sessionId_;
+        leaseBefore = lifetime_.LeaseEnd();
         Note(event);
-        ended = phase_ == SessionState::Expired ? session : 0;
+        leaseEnd = lifetime_.LeaseEnd();
+        ended = phase_ == SessionState::Expired;
     }
-    if (ended != 0)
+    if (ended && session != 0)
     {
-        TellEnding(ended);
+        TellEnding(session);
+    }
+    else if (leaseEnd && leaseEnd != leaseBefore)
+    {
+        // A smaller timeout was granted. No answer can extend the lease before this returns.
+        TellLeaseEnd(session, *leaseEnd);
     }
 }
 
@@ -316,11 +332,13 @@ void SessionCore::Note(const SessionEvent& event)
         identity_ = event.identity;
         sessionId_ = event.identity.client_id;
         negotiatedTimeout_ = event.negotiatedTimeout;
+        lifetime_.Grant(event.negotiatedTimeout);
         ++connection_;
         Advance(SessionState::Connected,
                 "server " + event.server + ", timeout " + std::to_string(negotiatedTimeout_.count()) + " ms");
         PostSessionEvent(event.state);
         refreshAt_ = Clock::now();
+        readAt_ = refreshAt_;
         if (!pendingDeletes_.empty() || freshHolds_ > 0)
         {
             EnsureKeeper();
@@ -368,22 +386,34 @@ void SessionCore::OnLateWatch(std::uint64_t generation, const std::string& path)
     events_.Post([this, path] { Unwatch(path); });
 }
 
-void SessionCore::OnHeard(std::uint64_t generation, BootClock::time_point asked) noexcept
+void SessionCore::OnServerAnswer(std::uint64_t generation, BootClock::time_point sent, bool agreed) noexcept
 {
     std::int64_t sessionId = 0;
+    std::optional<BootClock::time_point> leaseEnd;
     {
         const MutexLock lock(mutex_);
-        if (generation != generation_ || (lastHeard_ && asked <= *lastHeard_))
+        if (generation != generation_)
         {
             return;
         }
-        lastHeard_ = asked;
+        const std::optional<BootClock::time_point> before = lifetime_.LeaseEnd();
+        lifetime_.NoteAnswer(sent, BootClock::now(), agreed);
+        leaseEnd = lifetime_.LeaseEnd();
+        if (leaseEnd == before)
+        {
+            return;
+        }
         sessionId = sessionId_;
     }
+    TellLeaseEnd(sessionId, *leaseEnd);
+}
+
+void SessionCore::TellLeaseEnd(std::int64_t sessionId, BootClock::time_point leaseEnd)
+{
     const HeardListeners::List listeners = heardListeners_.All();
     for (const HeardListeners::Shared& listener : *listeners)
     {
-        listener->Tell(sessionId, asked);
+        listener->Tell(sessionId, leaseEnd);
     }
 }
 

@@ -6,6 +6,7 @@
 #include "source/event_loop.h"
 #include "source/heard_listeners.h"
 #include "source/server_list.h"
+#include "source/session_lifetime.h"
 #include "source/state_listeners.h"
 #include "source/sync.h"
 #include "source/watch_registry.h"
@@ -123,15 +124,19 @@ private:
     void EndSession(int state, const std::string& detail) KX_REQUIRES(mutex_);
     void TellEnding(std::int64_t sessionId) KX_EXCLUDES(mutex_);
     Registration AddListener(HeardListeners SessionCore::*listeners, ElectionSession::HeardListener callback);
+    /// Tells listeners that the end of the lease has changed.
+    void TellLeaseEnd(std::int64_t sessionId, BootClock::time_point leaseEnd) KX_EXCLUDES(mutex_);
     void Note(const SessionEvent& event) KX_REQUIRES(mutex_);
     void OnSessionEvent(std::uint64_t generation, const SessionEvent& event) noexcept override;
     void OnNodeEvent(std::uint64_t generation, int type, int state, const char* path) noexcept override;
     void OnLateWatch(std::uint64_t generation, const std::string& path) noexcept override;
-    void OnHeard(std::uint64_t generation, BootClock::time_point asked) noexcept override;
+    void OnServerAnswer(std::uint64_t generation, BootClock::time_point sent, bool agreed) noexcept override;
 
     // Watches: session_watches.cpp
 
     void RunEventThread();
+    /// Sends a read when one is due. Returns when the next one is.
+    Clock::time_point ReadRegularly();
     void PostSessionEvent(int state) KX_REQUIRES(mutex_);
     void DeliverSessionEvent(int state, WatchRegistry::Position position);
     void DeliverNodeEvent(int type, int state, const std::string& path, WatchRegistry::Position position);
@@ -160,7 +165,7 @@ private:
     Duty AwaitDuty(bool standingIn, std::shared_ptr<ClientHandle>& finished);
     /// What is to be done while connected. With `None`, when to look again: `time_point::max` for never.
     std::pair<Duty, Clock::time_point> DutyWhileConnected() const KX_REQUIRES(mutex_);
-    /// Sends the request that keeps `lastHeard_` fresh.
+    /// Sends the write that keeps the lease long.
     void Refresh();
     void OnRefreshed(std::uint64_t connection);
     void OpenHandle(std::shared_ptr<ClientHandle> finished);
@@ -243,7 +248,7 @@ private:
     std::optional<clientid_t> identity_ KX_GUARDED_BY(mutex_);
     /// Outlives `identity_` until the next session is asked for.
     std::int64_t sessionId_ KX_GUARDED_BY(mutex_) = 0;
-    std::optional<BootClock::time_point> lastHeard_ KX_GUARDED_BY(mutex_);
+    SessionLifetime lifetime_ KX_GUARDED_BY(mutex_);
     std::chrono::milliseconds negotiatedTimeout_ KX_GUARDED_BY(mutex_);
     /// Since when no server has answered.
     Clock::time_point silentSince_ KX_GUARDED_BY(mutex_);
@@ -262,6 +267,7 @@ private:
     int freshHolds_ KX_GUARDED_BY(mutex_) = 0;
     bool refreshing_ KX_GUARDED_BY(mutex_) = false;
     Clock::time_point refreshAt_ KX_GUARDED_BY(mutex_){};
+    Clock::time_point readAt_ KX_GUARDED_BY(mutex_){};
 };
 
 }  // namespace kx::velmor

@@ -19,9 +19,6 @@ using logging::LogLevel;
 /// come back with their data let the session live on.
 constexpr int kPatienceInTimeouts = 4;
 
-/// Twice as often as the client library's own heartbeats.
-constexpr int kRefreshesPerTimeout = 6;
-
 /// How long to wait for the name service while there are addresses from before to go on with.
 constexpr std::chrono::seconds kLookUpPatience{5};
 
@@ -198,7 +195,7 @@ void SessionCore::Refresh()
             self->OnRefreshed(connection);
         }
     });
-    if (handle->DeleteNothing(request) != ZOK)
+    if (handle->WriteNothing(request) != ZOK)
     {
         OnRefreshed(connection);
     }
@@ -209,8 +206,9 @@ void SessionCore::OnRefreshed(std::uint64_t connection)
     const MutexLock lock(mutex_);
     refreshing_ = false;
     // One that was sent over an earlier connection is old news.
-    refreshAt_ = Clock::now() +
-                 (connection == connection_ ? negotiatedTimeout_ / kRefreshesPerTimeout : std::chrono::milliseconds(0));
+    const bool present = connection == connection_;
+    refreshAt_ = Clock::now();
+    refreshAt_ += present ? SessionLifetime::WriteInterval(lifetime_.MinTimeout()) : Clock::duration::zero();
     changed_.NotifyAll();
 }
 
@@ -241,6 +239,7 @@ void SessionCore::OpenHandle(std::shared_ptr<ClientHandle> finished)
         }
         generation = ++generation_;
         silentSince_ = Clock::now();
+        lifetime_.Begin(BootClock::now());
     }
     std::shared_ptr<ClientHandle> handle =
         ClientHandle::Open(addresses, options_.sessionTimeout, options_.digestCredentials, generation, *this);

@@ -7,8 +7,32 @@ namespace kx::velmor {
 
 void SessionCore::RunEventThread()
 {
-    events_.Run();
+    events_.Run([this] { return ReadRegularly(); });
     DropWatches(watches_);
+}
+
+/// In place of the client library's heartbeats, whose answers it keeps to itself: the first write after a long silence
+/// would prove little (see `SessionLifetime`).
+Clock::time_point SessionCore::ReadRegularly()
+{
+    std::shared_ptr<ClientHandle> handle;
+    Clock::time_point next;
+    {
+        const MutexLock lock(mutex_);
+        const Clock::time_point now = Clock::now();
+        const Clock::duration interval = SessionLifetime::ReadInterval(negotiatedTimeout_);
+        if (phase_ == SessionState::Connected && handle_ && readAt_ <= now)
+        {
+            handle = handle_;
+            readAt_ = now + interval;
+        }
+        next = std::max(readAt_, now + interval / 4);
+    }
+    if (handle)
+    {
+        handle->ReadNothing(std::make_shared<Request>());
+    }
+    return next;
 }
 
 void SessionCore::PostSessionEvent(int state)

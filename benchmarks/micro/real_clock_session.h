@@ -26,14 +26,15 @@ public:
         if (status.lastHeard)
         {
             *status.lastHeard += ahead_;
+            *status.leaseEnd += ahead_;
         }
         return status;
     }
     Registration OnHeard(HeardListener listener) override
     {
         return session_->OnHeard(
-            [listener = std::move(listener), ahead = ahead_](std::int64_t session, BootClock::time_point heard) {
-                listener(session, heard + ahead);
+            [listener = std::move(listener), ahead = ahead_](std::int64_t session, BootClock::time_point leaseEnd) {
+                listener(session, leaseEnd + ahead);
             });
     }
 

@@ -1,6 +1,7 @@
 // Operations on the tree of a service in memory: those of sessions, and those of the test itself.
 
 #include "source/make_path.h"
+#include "source/result_codes.h"
 #include "source/testing/memory_service_core.h"
 
 namespace kx::velmor::testing {
@@ -304,7 +305,10 @@ int MemoryServiceCore::Answer(Record& session, int rc, AllHeard& heard)
         Reconnect(session, heard);
         return ZCONNECTIONLOSS;
     }
-    NoteHeard(session, heard);
+    if (AgreedByMajority(rc))
+    {
+        NoteHeard(session, heard);
+    }
     return rc;
 }
 
@@ -326,8 +330,8 @@ void MemoryServiceCore::RetryDeletes(Record& session, AllHeard& heard)
         if (refused == ZOK)
         {
             DeleteNode(path);
+            NoteHeard(session, heard);
         }
-        NoteHeard(session, heard);
     }
     session.pendingDeletes = std::move(unanswered);
 }

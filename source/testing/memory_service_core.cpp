@@ -2,6 +2,7 @@
 
 #include "source/testing/memory_service_core.h"
 
+#include "source/session_lifetime.h"
 #include "source/watch_delivery.h"
 
 #include <algorithm>
@@ -14,9 +15,6 @@ namespace {
 constexpr std::chrono::hours kBeginning{24};
 
 constexpr std::int64_t kFirstSession = 0x100'0000'0001;
-
-/// As those of a `Session`.
-constexpr int kRefreshesPerTimeout = 6;
 
 std::int64_t Milliseconds(std::chrono::nanoseconds time)
 {
@@ -41,6 +39,7 @@ std::shared_ptr<MemorySessionRecord> MemoryServiceCore::Open(MemorySessionOption
     const MutexLock lock(mutex_);
     sessions_.push_back(session);
     session->status.negotiatedTimeout = session->options.sessionTimeout;
+    session->status.minTimeout = session->options.sessionTimeout;
     BeginSession(*session);
     return session;
 }
@@ -150,6 +149,7 @@ void MemoryServiceCore::Close(Record& session, bool wait)
         {
             const bool reachable = session.status.state == SessionState::Connected;
             session.status.lastHeard.reset();
+            session.status.leaseEnd.reset();
             Change(session, SessionState::Closed);
             session.pendingDeletes.clear();
             sessions_.erase(std::remove(sessions_.begin(), sessions_.end(), session.shared_from_this()),
@@ -217,10 +217,10 @@ Registration MemoryServiceCore::KeepFresh(Record& session)
         if (!heard.empty())
         {
             // Not here: the caller does not expect to be called back.
-            Post(session, [weak = session.weak_from_this(), id = heard[0].id, at = heard[0].at] {
+            Post(session, [weak = session.weak_from_this(), id = heard[0].id, end = heard[0].leaseEnd] {
                 if (const auto alive = weak.lock())
                 {
-                    alive->heard.Tell(id, at);
+                    alive->heard.Tell(id, end);
                 }
             });
         }
@@ -238,7 +238,7 @@ void MemoryServiceCore::Tell(const AllHeard& allHeard)
 {
     for (const Heard& heard : allHeard)
     {
-        heard.session->heard.Tell(heard.id, heard.at);
+        heard.session->heard.Tell(heard.id, heard.leaseEnd);
     }
 }
 
@@ -289,6 +289,7 @@ void MemoryServiceCore::Reconnect(Record& session, AllHeard& heard)
     else
     {
         session.status.lastHeard.reset();
+        session.status.leaseEnd.reset();
         Change(session, SessionState::Expired);
         session.watched.clear();
         session.pendingDeletes.clear();
@@ -327,8 +328,10 @@ void MemoryServiceCore::EndSession(std::int64_t id)
 
 void MemoryServiceCore::NoteHeard(Record& session, AllHeard& heard)
 {
+    // The one server hears everything itself.
     session.status.lastHeard = Now();
-    heard.push_back({session.shared_from_this(), session.status.sessionId, Now()});
+    session.status.leaseEnd = Now() + SessionLifetime::LeaseLength(session.status.minTimeout);
+    heard.push_back({session.shared_from_this(), session.status.sessionId, *session.status.leaseEnd});
 }
 
 void MemoryServiceCore::RefreshIfDue(Record& session, AllHeard& heard)
@@ -336,7 +339,7 @@ void MemoryServiceCore::RefreshIfDue(Record& session, AllHeard& heard)
     if (session.status.state == SessionState::Connected && session.freshHolds > 0 && session.refreshAt <= Now())
     {
         NoteHeard(session, heard);
-        session.refreshAt = Now() + BootClock::duration(session.status.negotiatedTimeout) / kRefreshesPerTimeout;
+        session.refreshAt = Now() + SessionLifetime::WriteInterval(session.status.minTimeout);
     }
 }
 

@@ -112,7 +112,7 @@ private:
     {
         std::shared_ptr<Record> session;
         std::int64_t id;
-        BootClock::time_point at;
+        BootClock::time_point leaseEnd;
     };
     using AllHeard = std::vector<Heard>;
 

@@ -120,12 +120,12 @@ protected:
         ASSERT_TRUE(second->WaitForRole(Role::NextLeader, kPatience));
     }
 
-    /// One node and one identity for each, and a claim.
+    /// One node and one identity for each, and a claim with its lease.
     void AwaitWhole(std::size_t members)
     {
         Await("a whole election", [&] {
             return observer_.List("/election").size() == members &&
-                   observer_.List("/election-identities").size() == members + 1;
+                   observer_.List("/election-identities").size() == members + 2;
         });
     }
 };

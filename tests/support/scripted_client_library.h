@@ -86,7 +86,8 @@ struct Reply
 /// library, whose table runs ahead of what it has told.
 ///
 /// Everything that is asked of the library is in its journal: "1 open <addresses>", "1 exists /a", "1 forget /a",
-/// "1 close".
+/// "1 close". The reads that a session sends regularly, of "/zookeeper/no-such-node", are answered without a script and
+/// are not in the journal, unless the test expects one.
 ///
 /// The test fails when something is asked that was not expected, when something expected is not asked, when a handle is
 /// left open or used after it was closed, when a handle is closed under the feet of a call, by a thread of the library
@@ -119,6 +120,8 @@ public:
     void Report(int handle, int state);
     /// The session is over, and the library has not said so yet.
     void Break(int handle);
+    /// What servers grant from the next report that says "connected" on.
+    void GrantTimeout(int handle, int milliseconds);
     /// A node event, of a watch that is armed or was once.
     void Fire(int handle, int type, const std::string& path);
     /// Answers the oldest request of this kind that is held.

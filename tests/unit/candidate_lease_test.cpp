@@ -80,7 +80,7 @@ TEST_F(CandidateLeaseTest, IsKeptFreshWhileServersAnswer)
     ours.Become(Role::Leader);
     service_.Advance(10 * kTimeout);
     EXPECT_TRUE(ours->IsLeader());
-    EXPECT_GE(ours->LeaseLeft(), kLease - kTimeout / 6 - milliseconds(1));
+    EXPECT_GE(ours->LeaseLeft(), kLease - kTimeout / 8 - milliseconds(1));
 }
 
 TEST_F(CandidateLeaseTest, OneThatRanOutDoesNotComeBackWithTheSession)

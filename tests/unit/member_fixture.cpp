@@ -12,11 +12,12 @@ struct Member::Shared
     std::optional<Leadership> last;
 };
 
-Member::Member(testing::MemoryService& service, std::string name, const Change& change)
+Member::Member(testing::MemoryService& service, std::string name, const Change& change,
+               std::chrono::milliseconds sessionTimeout)
     : journal_(std::make_shared<Journal>()), shared_(std::make_shared<Shared>())
 {
     testing::MemorySessionOptions sessionOptions;
-    sessionOptions.sessionTimeout = std::chrono::milliseconds(9'000);
+    sessionOptions.sessionTimeout = sessionTimeout;
     session_ = service.Open(sessionOptions);
 
     CandidateOptions options;
@@ -72,14 +73,22 @@ std::vector<std::string> MemberTest::Queue() const
 
 std::vector<std::string> MemberTest::Identities() const
 {
-    return service_.Has("/election-identities") ? service_.Children("/election-identities")
-                                                : std::vector<std::string>();
+    std::vector<std::string> names =
+        service_.Has("/election-identities") ? service_.Children("/election-identities") : std::vector<std::string>();
+    names.erase(std::remove(names.begin(), names.end(), "lease"), names.end());
+    return names;
+}
+
+std::string MemberTest::LeftLease() const
+{
+    return service_.Has("/election-identities/lease") ? service_.Data("/election-identities/lease") : "";
 }
 
 void MemberTest::ExpectNobody() const
 {
     EXPECT_THAT(Queue(), ::testing::IsEmpty());
     EXPECT_THAT(Identities(), ::testing::IsEmpty());
+    EXPECT_EQ(LeftLease(), "");
 }
 
 void MemberTest::ExpectWhole(const std::vector<Member*>& members)

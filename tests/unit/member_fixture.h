@@ -17,13 +17,16 @@
 
 namespace kx::velmor::testing_support {
 
+constexpr std::chrono::milliseconds kMemberTimeout{9'000};
+
 /// A candidate with a session of its own, whose callbacks are noted as "name: what".
 class Member
 {
 public:
     using Change = std::function<void(CandidateOptions&)>;
 
-    Member(testing::MemoryService& service, std::string name, const Change& change = {});
+    Member(testing::MemoryService& service, std::string name, const Change& change = {},
+           std::chrono::milliseconds sessionTimeout = kMemberTimeout);
 
     testing::MemorySession& Session() { return *session_; }
     std::shared_ptr<testing::MemorySession> SharedSession() { return session_; }
@@ -54,7 +57,7 @@ private:
 class MemberTest : public ::testing::Test
 {
 protected:
-    static constexpr std::chrono::milliseconds kTimeout{9'000};
+    static constexpr std::chrono::milliseconds kTimeout = kMemberTimeout;
     static constexpr std::chrono::milliseconds kLease{6'000};
 
     /// Starts them one after the other: a leader, the next one, followers.
@@ -62,6 +65,8 @@ protected:
     /// What the queue holds, in its order, and what stands beside it.
     std::vector<std::string> Queue() const;
     std::vector<std::string> Identities() const;
+    /// What a leader records until it gives the lead back; empty while there is nothing.
+    std::string LeftLease() const;
     /// No node is left of anybody.
     void ExpectNobody() const;
     /// One leader, whose claim stands, and as many nodes and identities as members.

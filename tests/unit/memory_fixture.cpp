@@ -62,8 +62,8 @@ Registration MemoryTest::Listen(ElectionSession& listened, const std::string& la
 
 Registration MemoryTest::Hear(ElectionSession& heard)
 {
-    return heard.OnHeard([this](std::int64_t id, BootClock::time_point at) {
-        journal.Note("heard " + std::to_string(id) + " at " + At(at));
+    return heard.OnHeard([this](std::int64_t id, BootClock::time_point leaseEnd) {
+        journal.Note("heard " + std::to_string(id) + " until " + At(leaseEnd));
     });
 }
 

@@ -43,7 +43,7 @@ protected:
     /// Notes each state of the session.
     Registration Listen(ElectionSession& session, const std::string& label = "state");
 
-    /// Notes "heard 0x100 at 1000": when the session was heard, as `At` has it.
+    /// Notes "heard 0x100 until 5000": the end of the session's lease, as `At` has it.
     Registration Hear(ElectionSession& session);
     /// Milliseconds since the test began.
     std::string At(BootClock::time_point time) const;

@@ -73,7 +73,8 @@ TEST_F(MemorySessions, AnsweredWritesAloneSayThatTheSessionWasHeard)
 TEST_F(MemorySessions, HeardIsToldBeforeTheWriteReturns)
 {
     auto registration = Hear(*session);
-    const std::string line = "heard " + std::to_string(session->Status().sessionId) + " at 0";
+    // Two thirds of the timeout, from the write on.
+    const std::string line = "heard " + std::to_string(session->Status().sessionId) + " until 4000";
     EXPECT_EQ(ZNONODE, session->Exists("/a", nullptr));
     EXPECT_THAT(journal.Take(), IsEmpty());
     EXPECT_EQ(ZNONODE, session->GuaranteedDelete("/a"));
@@ -85,29 +86,30 @@ TEST_F(MemorySessions, HeardIsToldBeforeTheWriteReturns)
     EXPECT_THAT(Told(), IsEmpty());
 }
 
-TEST_F(MemorySessions, KeptFreshOneIsHeardFromEachSixthOfItsTimeout)
+TEST_F(MemorySessions, KeptFreshOneIsHeardFromEachEighthOfItsTimeout)
 {
     const auto listener = Hear(*session);
-    const std::string heard = "heard " + std::to_string(session->Status().sessionId) + " at ";
+    const std::string heard = "heard " + std::to_string(session->Status().sessionId) + " until ";
     auto fresh = session->KeepFresh();
     const auto too = session->KeepFresh();
     EXPECT_EQ(began, session->Status().lastHeard);
-    EXPECT_THAT(Told(), ElementsAre(heard + "0"));
+    EXPECT_THAT(Told(), ElementsAre(heard + "4000"));
     service.Advance(kTimeout / 2);
-    EXPECT_THAT(journal.Take(), ElementsAre(heard + "1000", heard + "2000", heard + "3000"));
+    EXPECT_THAT(journal.Take(), ElementsAre(heard + "4750", heard + "5500", heard + "6250", heard + "7000"));
     EXPECT_EQ(began + 3s, session->Status().lastHeard);
+    EXPECT_EQ(began + 7s, session->Status().leaseEnd);
 
     fresh.Cancel();
-    service.Advance(1s);
-    EXPECT_THAT(journal.Take(), ElementsAre(heard + "4000"));
+    service.Advance(750ms);
+    EXPECT_THAT(journal.Take(), ElementsAre(heard + "7750"));
 
     service.Cut(*session);
-    service.Advance(1500ms);
-    EXPECT_EQ(began + 4s, session->Status().lastHeard);
+    service.Advance(1750ms);
+    EXPECT_EQ(began + 3750ms, session->Status().lastHeard);
     service.Heal(*session);
     EXPECT_EQ(began + 5500ms, session->Status().lastHeard);
     service.Advance(1s);
-    EXPECT_THAT(Told(), ElementsAre(heard + "5500", heard + "6500"));
+    EXPECT_THAT(Told(), ElementsAre(heard + "9500", heard + "10250"));
 }
 
 TEST_F(MemorySessions, ClockMovesOnlyWhenToldAndTellsItsListeners)
@@ -118,7 +120,7 @@ TEST_F(MemorySessions, ClockMovesOnlyWhenToldAndTellsItsListeners)
     EXPECT_THAT(Told(), ElementsAre("jumped to 2000"));
     const auto fresh = session->KeepFresh();
     service.Advance(1500ms);
-    EXPECT_THAT(Told(), ElementsAre("jumped to 3000", "jumped to 3500"));
+    EXPECT_THAT(Told(), ElementsAre("jumped to 2750", "jumped to 3500"));
     EXPECT_THROW(service.Advance(-1ns), std::invalid_argument);
     listener.Cancel();
     service.Advance(1s);

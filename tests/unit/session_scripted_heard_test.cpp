@@ -46,17 +46,17 @@ TEST_F(HeardOfASession, IsWhatTheStatusSays)
     const auto session = OpenConnected();
     std::vector<BootClock::time_point> heard;
     std::vector<std::int64_t> sessions;
-    const Registration listening = session->OnHeard([&](std::int64_t sessionId, BootClock::time_point lastHeard) {
+    const Registration listening = session->OnHeard([&](std::int64_t sessionId, BootClock::time_point leaseEnd) {
         sessions.push_back(sessionId);
-        heard.push_back(lastHeard);
+        heard.push_back(leaseEnd);
     });
     for (std::size_t i = 0; i < 3; ++i)
     {
         const auto before = BootClock::now();
         Write(*session);
         ASSERT_EQ(heard.size(), i + 1);
-        EXPECT_GE(heard.back(), before);
-        EXPECT_EQ(heard.back(), *session->Status().lastHeard);
+        EXPECT_GE(*session->Status().lastHeard, before);
+        EXPECT_EQ(heard.back(), *session->Status().leaseEnd);
         EXPECT_EQ(sessions.back(), session->Status().sessionId);
     }
 }
@@ -65,7 +65,7 @@ TEST_F(HeardOfASession, IsToldOfAgreementAndOfNothingElse)
 {
     const auto session = OpenConnected();
     const Registration listening = session->OnHeard(NotingHeard("a"));
-    for (const int rc : {ZCONNECTIONLOSS, ZOPERATIONTIMEOUT, ZSYSTEMERROR, ZSESSIONMOVED})
+    for (const int rc : {ZCONNECTIONLOSS, ZOPERATIONTIMEOUT, ZSYSTEMERROR, ZSESSIONMOVED, ZNOAUTH})
     {
         Write(*session, rc);
     }
@@ -89,6 +89,52 @@ TEST_F(HeardOfASession, IsToldOfAgreementAndOfNothingElse)
     library.Expect(Sent::Transact, "check /n v1", refused);
     EXPECT_EQ(session->Transact({Operation::Check("/n", 1)}, result), ZBADVERSION);
     EXPECT_THAT(Told(), ElementsAre("a heard 1"));
+}
+
+/// When a server has granted a session less than before.
+class RenegotiatedSession : public HeardOfASession
+{
+protected:
+    /// Reconnects the session of handle 1 to a server that grants this timeout.
+    void ReconnectWith(milliseconds timeout)
+    {
+        library.Report(1, ZOO_CONNECTING_STATE);
+        library.GrantTimeout(1, static_cast<int>(timeout.count()));
+        library.Report(1, ZOO_CONNECTED_STATE);
+        library.AwaitArrivals(1);
+    }
+};
+
+TEST_F(RenegotiatedSession, HasAShorterLeaseBeforeAnyAnswerComes)
+{
+    const auto session = OpenConnected();
+    Write(*session);
+    const SessionStatus before = session->Status();
+    EXPECT_EQ(before.minTimeout, before.negotiatedTimeout);
+    const Registration listening = session->OnHeard(NotingHeard("a"));
+    ReconnectWith(before.negotiatedTimeout / 10);
+    EXPECT_THAT(Told(), ElementsAre("a heard 1"));
+    const SessionStatus after = session->Status();
+    EXPECT_EQ(after.minTimeout, before.negotiatedTimeout / 10);
+    EXPECT_EQ(after.lastHeard, before.lastHeard);
+    EXPECT_EQ(*after.leaseEnd, *after.lastHeard + after.minTimeout * 2 / 3);
+}
+
+TEST_F(RenegotiatedSession, KeepsTheSmallestTimeoutUntilItIsOver)
+{
+    const auto session = OpenConnected();
+    const milliseconds asked = session->Status().negotiatedTimeout;
+    ReconnectWith(asked / 10);
+    const Registration listening = session->OnHeard(NotingHeard("a"));
+    ReconnectWith(asked);
+    EXPECT_THAT(Told(), IsEmpty());
+    EXPECT_EQ(session->Status().negotiatedTimeout, asked);
+    EXPECT_EQ(session->Status().minTimeout, asked / 10);
+    ExpectNext();
+    library.Report(1, ZOO_EXPIRED_SESSION_STATE);
+    library.Asked().Await("2 open 127.0.0.1:2181");
+    library.AwaitArrivals(2);
+    EXPECT_EQ(session->Status().minTimeout, asked);
 }
 
 TEST_F(HeardOfASession, IsNotToldWhatIsOlderThanWhatWasTold)

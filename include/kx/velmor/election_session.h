@@ -23,8 +23,8 @@ class ElectionSession : public Connection
 {
 public:
     using StateListener = std::function<void(const SessionStatus&)>;
-    /// Told the session's number and its new `SessionStatus::lastHeard`.
-    using HeardListener = std::function<void(std::int64_t sessionId, BootClock::time_point lastHeard)>;
+    /// Receives the session's number and its new `SessionStatus::leaseEnd`.
+    using HeardListener = std::function<void(std::int64_t sessionId, BootClock::time_point leaseEnd)>;
     using EndingListener = std::function<void(std::int64_t sessionId)>;
 
     /// What is known now. Does not block.
@@ -37,8 +37,9 @@ public:
     /// before the session's closing is through. What a listener throws is logged. Does not block.
     virtual Registration OnStateChange(StateListener listener) = 0;
 
-    /// Tells `listener` whenever `SessionStatus::lastHeard` has grown, before the caller of the write that made it grow
-    /// gets its answer. Cancelling is as above.
+    /// Tells `listener` whenever `SessionStatus::leaseEnd` has changed, before the caller of the operation that changed
+    /// it gets its answer. The end comes later with answers. It comes sooner when a server grants a smaller timeout;
+    /// `listener` hears that before any later answer extends the lease. Cancelling is as above.
     ///
     /// Calls come on a thread that keeps the session alive: a listener must neither block nor throw nor call the
     /// session, except `Now`. They are not in order with changes of the state, so the session's number says which one
@@ -51,8 +52,8 @@ public:
     /// and what a listener may do are as for `OnHeard`.
     virtual Registration OnEnding(EndingListener listener) = 0;
 
-    /// While registered, keeps `SessionStatus::lastHeard` fresh for as long as servers answer. Any number of
-    /// registrations cost as much as one. Does not block.
+    /// While registered, extends `SessionStatus::leaseEnd` for as long as servers answer, so that more than half of the
+    /// session timeout is left at any time. Any number of registrations cost as much as one. Does not block.
     virtual Registration KeepFresh() = 0;
 
     /// Reads a node's data, and its `stat`, which may be null: `ZOK` or `ZNONODE`. A node without data has empty data.
@@ -68,7 +69,7 @@ public:
     virtual int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
                            TransactionResult& result) const = 0;
 
-    /// The time by which `SessionStatus::lastHeard` is measured. Does not block, takes no lock.
+    /// The time by which `SessionStatus` is measured. Does not block, takes no lock.
     virtual BootClock::time_point Now() const noexcept { return BootClock::now(); }
 
     /// Tells `listener` when `Now` has jumped, which only the clock of a session in memory does: it is time to look

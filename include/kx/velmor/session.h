@@ -105,10 +105,10 @@ public:
     /// As `ElectionSession::OnEnding`. Calls come on the thread that closes the session, or on one of the client
     /// library.
     Registration OnEnding(EndingListener listener) override;
-    /// As `ElectionSession::KeepFresh`. A request of the session's own is sent when connected, and another a sixth of
-    /// the negotiated timeout after the last one was answered. It is a write that changes nothing (the deletion of a
-    /// node that nobody makes), since reads prove nothing, and costs what a write costs: an entry in the servers' logs
-    /// of transactions.
+    /// As `ElectionSession::KeepFresh`. The session sends a request of its own when it is connected, and the next one
+    /// an eighth of the smallest granted timeout after the last one was answered. The request is a write that changes
+    /// nothing (a transaction that checks for a node that does not exist), since reads prove nothing. It needs no
+    /// permission. It costs what a write costs: an entry in the servers' transaction logs.
     Registration KeepFresh() override;
 
     const std::string& RootPath() const override;

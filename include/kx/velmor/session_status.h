@@ -36,16 +36,19 @@ struct SessionStatus
     /// After this long without a word from it the servers end the session. What was asked for, until a server has first
     /// granted something; between sessions, what was granted last.
     std::chrono::milliseconds negotiatedTimeout{0};
-    /// The latest moment at which the servers are known to have heard from this session: when the newest write that has
-    /// been answered was sent. Empty while none has, and once the session is over.
+    /// When the newest write was sent on whose answer a majority of the servers has agreed. Empty before the first one,
+    /// and once the session is over.
     ///
-    /// Reads do not count: a server that has lost touch with the others answers them for seconds, while the others end
-    /// the session. On a write a majority has agreed.
-    ///
-    /// The servers keep the session, and its ephemeral nodes unless somebody deletes them, until `negotiatedTimeout`
-    /// after that, less a third of it where there are several servers: a follower tells the leader, who ends sessions,
-    /// only now and then whom it has heard.
+    /// Reads do not count: a server that has lost the others answers them for seconds, while the others end the
+    /// session. Codes that a single server may give by itself, `ZNOAUTH` among them, do not count either.
     std::optional<BootClock::time_point> lastHeard{};
+    /// The smallest timeout that was granted in this session. Servers may go back to it: a new leader of the ensemble
+    /// starts every session anew with the timeout of its creation.
+    std::chrono::milliseconds minTimeout{0};
+    /// The servers keep the session, and its ephemeral nodes unless a client deletes them, until then at least,
+    /// whichever server fails; with a margin of a twelfth of `minTimeout` for clocks that differ in speed. Empty with
+    /// `lastHeard`. docs/guarantees.md has the arithmetic.
+    std::optional<BootClock::time_point> leaseEnd{};
 };
 
 }  // namespace kx::velmor

@@ -63,7 +63,7 @@ public:
     Registration OnHeard(HeardListener listener) override;
     /// As `ElectionSession::OnEnding`. Listeners run on the thread of `Close`, `Expire` or `Heal`.
     Registration OnEnding(EndingListener listener) override;
-    /// As `ElectionSession::KeepFresh`: at once, at each connection, and at every sixth of the timeout that `Advance`
+    /// As `ElectionSession::KeepFresh`: at once, at each connection, and at every eighth of the timeout that `Advance`
     /// passes while the session is connected.
     Registration KeepFresh() override;
 

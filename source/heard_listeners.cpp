@@ -9,7 +9,7 @@ HeardListeners::Listener::Listener(ElectionSession::HeardListener callback)
     : callback_(std::make_shared<const ElectionSession::HeardListener>(std::move(callback)))
 {}
 
-void HeardListeners::Listener::Tell(std::int64_t sessionId, BootClock::time_point lastHeard) const
+void HeardListeners::Listener::Tell(std::int64_t sessionId, BootClock::time_point leaseEnd) const
 {
     std::shared_ptr<const ElectionSession::HeardListener> callback;
     {
@@ -18,7 +18,7 @@ void HeardListeners::Listener::Tell(std::int64_t sessionId, BootClock::time_poin
     }
     if (callback)
     {
-        (*callback)(sessionId, lastHeard);
+        (*callback)(sessionId, leaseEnd);
     }
 }
 

@@ -10,7 +10,7 @@
 
 namespace kx::velmor {
 
-/// Who is told when the servers have last heard from a session.
+/// The listeners for the end of a session's lease.
 ///
 /// Listeners are told often and come and go rarely, so that the list is copied whenever it changes and never when it is
 /// read.
@@ -25,7 +25,7 @@ public:
         explicit Listener(ElectionSession::HeardListener callback);
 
         /// Nothing is told once it is cancelled.
-        void Tell(std::int64_t sessionId, BootClock::time_point lastHeard) const;
+        void Tell(std::int64_t sessionId, BootClock::time_point leaseEnd) const;
 
         /// No call begins any more; one that runs goes on. Destroys the callback, or leaves that to the call that runs.
         void Cancel();

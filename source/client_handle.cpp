@@ -163,7 +163,9 @@ int ClientHandle::Delete(const std::shared_ptr<Request>& request, const std::str
 
 int ClientHandle::ReadNothing(const std::shared_ptr<Request>& request)
 {
-    return Exists(request, kNoSuchNode);
+    return Submit(Kind::Read, request, [&](zhandle_t* zh, const void* call) {
+        return zoo_aget_acl(zh, kNoSuchNode, &ClientHandle::OnAcl, call);
+    });
 }
 
 int ClientHandle::WriteNothing(const std::shared_ptr<Request>& request)
@@ -389,6 +391,11 @@ void ClientHandle::OnOutcomes(int rc, const void* data) noexcept
             request.refused = RefusedStep(rc, outcomes);
         }
     });
+}
+
+void ClientHandle::OnAcl(int rc, ACL_vector* /*acl*/, Stat* /*stat*/, const void* data) noexcept
+{
+    OnAnswer(rc, data, nullptr);
 }
 
 void ClientHandle::OnVoid(int rc, const void* data) noexcept

@@ -82,7 +82,8 @@ public:
     int Exists(const std::shared_ptr<Request>& request, const std::string& path);
     int WatchExists(const std::shared_ptr<Request>& request, const std::string& path);
     int Delete(const std::shared_ptr<Request>& request, const std::string& path);
-    /// A read that any client may make and that finds nothing.
+    /// A read that finds nothing, and takes no permission. It asks for an access list, so that captures of the network
+    /// and metrics of the servers tell it from the reads of the application.
     int ReadNothing(const std::shared_ptr<Request>& request);
     /// A write that changes nothing, and takes no permission: a majority of the servers has to agree on that, too.
     int WriteNothing(const std::shared_ptr<Request>& request);
@@ -144,6 +145,7 @@ private:
     static void OnStat(int rc, const Stat* stat, const void* data) noexcept;
     static void OnData(int rc, const char* value, int length, const Stat* stat, const void* data) noexcept;
     static void OnOutcomes(int rc, const void* data) noexcept;
+    static void OnAcl(int rc, ACL_vector* acl, Stat* stat, const void* data) noexcept;
     static void OnVoid(int rc, const void* data) noexcept;
 
     const std::uint64_t generation_;

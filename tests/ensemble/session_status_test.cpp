@@ -103,8 +103,8 @@ TEST_F(StatusTest, SilentServerIsNotHeardFrom)
     // In the network nothing is under way any more once what comes back is held up.
     proxy_.BlackHole(Proxy::Direction::ToClient);
     const auto heard = session->Status().lastHeard;
-    const std::size_t sent = proxy_.Forwarded(Request::Delete);
-    Await("a request that stays unanswered", [&] { return proxy_.Forwarded(Request::Delete) > sent; });
+    const std::size_t sent = proxy_.Forwarded(Request::Multi);
+    Await("a request that stays unanswered", [&] { return proxy_.Forwarded(Request::Multi) > sent; });
     EXPECT_EQ(session->Status().lastHeard, heard);
     proxy_.Heal();
     EXPECT_GT(HeardAfter(*session, *heard), *heard);

@@ -86,8 +86,8 @@ struct Reply
 /// library, whose table runs ahead of what it has told.
 ///
 /// Everything that is asked of the library is in its journal: "1 open <addresses>", "1 exists /a", "1 forget /a",
-/// "1 close". The reads that a session sends regularly, of "/zookeeper/no-such-node", are answered without a script and
-/// are not in the journal, unless the test expects one.
+/// "1 close". The heartbeats of a session, which ask for an access list, are answered without a script and are not in
+/// the journal.
 ///
 /// The test fails when something is asked that was not expected, when something expected is not asked, when a handle is
 /// left open or used after it was closed, when a handle is closed under the feet of a call, by a thread of the library
@@ -145,6 +145,7 @@ public:
     std::int64_t Identity(int handle) const;
     std::string Addresses(int handle) const;
     int SessionTimeout(int handle) const;
+    std::size_t Heartbeats(int handle) const;
     /// What the handle was told about looking its servers up: milliseconds, 0 unless told.
     int ResolutionDelay(int handle) const;
     /// The level of the library's own log, of the whole process.

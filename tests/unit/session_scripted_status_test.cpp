@@ -1,3 +1,4 @@
+#include "tests/support/await.h"
 #include "tests/unit/no_threads.h"
 #include "tests/unit/session_scripted_fixture.h"
 
@@ -359,6 +360,21 @@ TEST_F(FreshSession, IsAskedAboutAgainAndAgainWhileSomebodyWantsIt)
     const std::size_t sent = library.Asked().Count(kRefresh);
     std::this_thread::sleep_for(milliseconds(40));
     EXPECT_LE(library.Asked().Count(kRefresh), sent + 1);
+}
+
+TEST_F(FreshSession, SendsReadsWhileItIsConnectedThoughNothingIsAsked)
+{
+    options.sessionTimeout = seconds(1);
+    const auto session = OpenAtOnce();
+    Await("heartbeats", [this] { return library.Heartbeats(1) >= 4; });
+    library.Report(1, ZOO_CONNECTING_STATE);
+    AwaitQuiet(*session, 1);
+    const std::size_t sent = library.Heartbeats(1);
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_EQ(library.Heartbeats(1), sent);
+    library.Report(1, ZOO_CONNECTED_STATE);
+    Await("heartbeats after the reconnection", [&] { return library.Heartbeats(1) >= sent + 2; });
+    EXPECT_FALSE(session->Status().lastHeard);
 }
 
 TEST_F(FreshSession, IsAskedAboutOnceAtATime)

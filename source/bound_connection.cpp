@@ -64,6 +64,10 @@ int BoundConnection::Create(std::string path, const std::string& data, const ACL
     const NodeMode mode = (flags & ZOO_SEQUENCE) != 0 ? NodeMode::EphemeralSequential : NodeMode::Ephemeral;
     TransactionResult result;
     const int rc = session_->TransactIn(sessionId_, {Operation::Create(std::move(path), data, mode)}, result);
+    if (!result.refused)
+    {
+        mayHaveNode_ = true;
+    }
     if (rc == ZOK && createdPath != nullptr)
     {
         if (result.created.front().size() > createdPath->size())
@@ -83,7 +87,16 @@ int BoundConnection::GetChildren(std::string path, std::vector<std::string>& chi
 
 int BoundConnection::Exists(std::string path, Stat* stat) const
 {
-    return SessionOver() ? static_cast<int>(ZSESSIONEXPIRED) : session_->Exists(std::move(path), stat);
+    if (SessionOver())
+    {
+        return ZSESSIONEXPIRED;
+    }
+    const int rc = session_->Exists(std::move(path), stat);
+    if (rc == ZOK && stat != nullptr && stat->ephemeralOwner == sessionId_)
+    {
+        mayHaveNode_ = true;
+    }
+    return rc;
 }
 
 std::pair<int, Connection::WatchHandle> BoundConnection::Exists(std::string path, WatchCallback function,
@@ -129,7 +142,13 @@ int BoundConnection::GuaranteedDelete(std::string path) const
         }
     }
     Stat stat{};
-    if (session_->Exists(path, &stat) == ZOK && stat.ephemeralOwner != sessionId_)
+    const int rc = session_->Exists(path, &stat);
+    if (rc != ZOK)
+    {
+        // Without an answer the node may belong to another session.
+        return rc;
+    }
+    if (stat.ephemeralOwner != sessionId_)
     {
         return ZNONODE;
     }

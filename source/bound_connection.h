@@ -4,6 +4,7 @@
 
 #include <kx/velmor/election_session.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -18,8 +19,9 @@ bool SessionOver(const SessionStatus& status, std::int64_t sessionId);
 /// A session's connection for as long as the session is the one it began with. Afterwards operations return
 /// `ZSESSIONEXPIRED`. Ephemeral nodes get the session's access list, whatever is asked for.
 ///
-/// It deletes nodes of its own session only. Others count as deleted: one of the same name, in an election path that
-/// was made anew, is somebody else's.
+/// It deletes nodes of its own session only. Others count as deleted: a node of the same name, in an election path that
+/// was made anew, belongs to another session. When the servers do not tell the owner, `GuaranteedDelete` returns their
+/// code, deletes nothing, and does not go on in the background.
 ///
 /// Threads: any.
 class BoundConnection final : public Connection
@@ -28,6 +30,10 @@ public:
     BoundConnection(std::shared_ptr<ElectionSession> session, std::int64_t sessionId);
 
     bool SessionOver() const;
+
+    /// Whether the session may own ephemeral nodes that passed through here: a read found one, or the servers did not
+    /// refuse the creation of one.
+    bool MayHaveNode() const { return mayHaveNode_; }
 
     /// This node of ours has been deleted by other means: deleting it again finds nothing, without asking.
     void NoteDeleted(std::string path);
@@ -56,6 +62,8 @@ private:
 
     const std::shared_ptr<ElectionSession> session_;
     const std::int64_t sessionId_;
+
+    mutable std::atomic<bool> mayHaveNode_{false};
 
     mutable Mutex mutex_;
     std::string deleted_ KX_GUARDED_BY(mutex_);

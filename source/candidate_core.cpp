@@ -109,6 +109,8 @@ void CandidateCore::Start()
     wanted_ = true;
     startedAnew_ = true;
     SetRole(Role::Joining, LossReason::Left);
+    // A place that could not be taken back yet comes first.
+    WakeWorker();
 }
 
 void CandidateCore::StartThreads()
@@ -179,7 +181,7 @@ void CandidateCore::ShutDown()
     {
         const MutexLock lock(mutex_);
         shutDown_ = true;
-        changed_.NotifyAll();
+        WakeWorker();
     }
     Stop();
     std::thread worker;
@@ -266,7 +268,11 @@ std::string CandidateCore::NodeName() const
 std::string CandidateCore::Error() const
 {
     const MutexLock lock(mutex_);
-    return error_;
+    if (role_ != Role::Stopped || leavingError_.empty())
+    {
+        return error_;
+    }
+    return error_.empty() ? leavingError_ : error_ + "; " + leavingError_;
 }
 
 void CandidateCore::SetRole(Role to, LossReason reason)

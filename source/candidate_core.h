@@ -14,6 +14,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -104,6 +105,14 @@ private:
     private:
         CandidateCore& core_;
     };
+    /// What went wrong in the attempts to leave one place.
+    struct LeavingFailures
+    {
+        /// Each is logged once.
+        std::set<std::string> causes{};
+        /// Of the last attempt: no repetition mends it, as far as the candidate can know.
+        bool refused = false;
+    };
     struct LogLine
     {
         logging::LogLevel level;
@@ -169,7 +178,10 @@ private:
     void Look(QueuePlace& place);
     /// Takes up a position in the queue, which may be none.
     void TakePosition(std::optional<std::size_t> position) KX_REQUIRES(mutex_);
+    /// Until the place is taken back, or its session is over. A refusal after `ShutDown` ends it, too.
     void Leave(QueuePlace& place);
+    /// False when it is to be tried again.
+    bool TryToLeave(QueuePlace& place, LeavingFailures& failures);
     /// Logs what went wrong. What can never succeed stops the candidate.
     void Report(const std::string& what, const std::exception& error);
     /// False when it is to stop.
@@ -198,6 +210,8 @@ private:
     std::vector<LogLine> log_ KX_GUARDED_BY(mutex_);
     Role role_ KX_GUARDED_BY(mutex_) = Role::Stopped;
     std::string error_ KX_GUARDED_BY(mutex_);
+    /// What the servers have refused to take back, until it is taken back.
+    std::string leavingError_ KX_GUARDED_BY(mutex_);
     std::string electionPath_ KX_GUARDED_BY(mutex_);
     /// Started, and neither stopped nor failed since.
     bool wanted_ KX_GUARDED_BY(mutex_) = false;
@@ -205,7 +219,7 @@ private:
     bool startedAnew_ KX_GUARDED_BY(mutex_) = false;
     /// The worker takes part, or has not left yet.
     bool busy_ KX_GUARDED_BY(mutex_) = false;
-    /// No server can be told of the leaving: nobody waits for it any longer.
+    /// The servers cannot be told of the leaving, or refuse it: `Stop` does not wait for it any longer.
     bool leavingLate_ KX_GUARDED_BY(mutex_) = false;
     /// The worker is to look what there is to do.
     bool awake_ KX_GUARDED_BY(mutex_) = false;

@@ -186,14 +186,11 @@ void CandidateCore::StayInQueue(std::int64_t session)
     }
     // The next one in line begins when we have left, and so whatever the user has to finish comes first.
     teller_.AwaitSilence();
-    // With the process about to end nobody was told, and so nothing is given up: it all goes with the session.
-    if (const ExitGate::Pass pass; pass)
-    {
-        Leave(place);
-    }
+    Leave(place);
     const MutexLock lock(mutex_);
     stay_ = Stay{};
     leavingLate_ = false;
+    leavingError_.clear();
 }
 
 bool CandidateCore::Join(QueuePlace& place)
@@ -333,7 +330,7 @@ BootClock::time_point CandidateCore::Claim(QueuePlace& place, Registration& fres
             case QueuePlace::Claim::Outdated: {
                 const Access access(*this);
                 Log(LogLevel::Warning, "Candidate " + signature_.identity + " has a place in " + electionPath_ +
-                                           " that is older than the last leadership");
+                                           " that is not newer than the last leadership");
                 EndStay(LossReason::Displaced);
                 return soon;
             }
@@ -459,29 +456,59 @@ void CandidateCore::Leave(QueuePlace& place)
     }
     constexpr int kTriesWithCompany = 3;
     Backoff retrying(options_.firstRejoinDelay, options_.mostRejoinDelay);
-    for (int tries = 1;; ++tries)
+    LeavingFailures failures;
+    for (int tries = 1; !TryToLeave(place, failures); ++tries)
     {
-        try
-        {
-            place.Leave();
-            return;
-        }
-        catch (const std::exception& error)
-        {
-            const bool refused = CanNeverSucceed(error);
-            KX_LOG(refused ? LogLevel::Error : LogLevel::Warning, ElectionLog())
-                << "Candidate " << signature_.identity << " could not take back its nodes" << (refused ? "" : " yet")
-                << ": " << error.what();
-            if (refused)
-            {
-                return;
-            }
-        }
         const MutexLock lock(mutex_);
-        leavingLate_ = tries >= kTriesWithCompany;
+        leavingLate_ = leavingLate_ || failures.refused || tries >= kTriesWithCompany;
         changed_.NotifyAll();
         AwaitNews(session_->Now() + retrying.Next());
     }
+}
+
+bool CandidateCore::TryToLeave(QueuePlace& place, LeavingFailures& failures)
+{
+    // For one attempt only, since the exit of the process waits for it.
+    const ExitGate::Pass pass;
+    if (!pass)
+    {
+        // No callback was called, and so nothing is given up: it all goes with the session.
+        return true;
+    }
+    try
+    {
+        place.Leave();
+    }
+    catch (const std::exception& error)
+    {
+        failures.refused = CanNeverSucceed(error);
+        const Access access(*this);
+        const std::string text = "could not take back " +
+                                 (place.Path().empty() ? "its nodes in " + electionPath_ : place.Path()) + ": " +
+                                 error.what();
+        const bool givesUp = failures.refused && shutDown_;
+        if (failures.causes.insert(error.what()).second)
+        {
+            Log(failures.refused ? LogLevel::Error : LogLevel::Warning,
+                "Candidate " + signature_.identity + " " + text + (givesUp ? "" : ", and tries again"));
+        }
+        if (failures.refused)
+        {
+            leavingError_ = text;
+        }
+        if (givesUp)
+        {
+            Log(LogLevel::Error, "Candidate " + signature_.identity + " leaves its nodes in " + electionPath_ +
+                                     " to the end of the session");
+        }
+        return givesUp;
+    }
+    if (!failures.causes.empty())
+    {
+        const Access access(*this);
+        Log(LogLevel::Info, "Candidate " + signature_.identity + " has left " + electionPath_ + " after all");
+    }
+    return true;
 }
 
 void CandidateCore::Report(const std::string& what, const std::exception& error)

@@ -120,23 +120,34 @@ void QueuePlace::MakeIdentity()
 {
     EnsurePath(*connection_, IdentitiesPath(electionPath_), false, ZOO_OPEN_ACL_UNSAFE);
     identityPath_ = kx::velmor::IdentityPath(electionPath_, node_, sessionId_);
-    mayHaveIdentity_ = true;
-    TransactionResult result;
-    const int rc =
-        session_->TransactIn(sessionId_, {Operation::Create(identityPath_, signature_, NodeMode::Ephemeral)}, result);
-    if (rc != ZNODEEXISTS)
+    if (!CreateIdentity())
     {
-        Require(rc);
-        return;
-    }
-    // From an attempt whose reply was lost; or the recipe has found the node of another candidate of this session.
-    if (!HaveIdentity())
-    {
-        mayHaveIdentity_ = false;
+        // The recipe has found the node of that candidate.
         node_.clear();
         recipe_ = nullptr;
         throw VelmorError("Another candidate of this session takes part");
     }
+}
+
+/// False when the identity of another candidate of this session has the path.
+bool QueuePlace::CreateIdentity()
+{
+    mayHaveIdentity_ = true;
+    TransactionResult result;
+    const int rc =
+        session_->TransactIn(sessionId_, {Operation::Create(identityPath_, signature_, NodeMode::Ephemeral)}, result);
+    if (rc == ZNODEEXISTS)
+    {
+        // From an attempt whose reply was lost, unless it is another candidate's.
+        mayHaveIdentity_ = HaveIdentity();
+        return mayHaveIdentity_;
+    }
+    if (result.refused)
+    {
+        mayHaveIdentity_ = false;
+    }
+    Require(rc);
+    return true;
 }
 
 bool QueuePlace::HaveIdentity() const
@@ -200,9 +211,17 @@ QueuePlace::Claim QueuePlace::TryToClaim(std::chrono::milliseconds lease)
             nodeStands_ = false;
             return Claim::Gone;
         }
-        // What was written before it can have been reached is no epoch.
-        if (last->epoch > epoch_ && last->epoch < last->written)
+        // An epoch is smaller than the transaction that writes it. Anything else was written by hand.
+        if (last->epoch >= epoch_ && last->epoch < last->written)
         {
+            // Only this node has this epoch, and before the first attempt from here a smaller one was written. So a
+            // claim with our signature is an attempt whose reply was lost, and no leadership began with it. Without an
+            // attempt from here, the node has led before: it was adopted.
+            if (last->epoch == epoch_ && mayHaveClaim_ && LookAtClaim() == Claim::Made)
+            {
+                claimVersion_ = last->version;
+                return Claim::Made;
+            }
             return Claim::Outdated;
         }
 
@@ -241,8 +260,8 @@ QueuePlace::Claim QueuePlace::TryToClaim(std::chrono::milliseconds lease)
             const Claim claim = LookAtClaim();
             if (claim == Claim::Made)
             {
-                // From an attempt whose reply was lost, after which there was no other.
-                claimVersion_ = last->version;
+                // A claim of ours for which another epoch is written. To leave takes it back.
+                return Claim::Outdated;
             }
             if (claim != Claim::Gone)
             {
@@ -277,6 +296,11 @@ QueuePlace::Claim QueuePlace::LookAtClaim()
             throw ZooError(rc);
         }
     }
+    return ReadClaim();
+}
+
+QueuePlace::Claim QueuePlace::ReadClaim() const
+{
     std::string data;
     Stat stat{};
     const int rc = session_->GetData(ClaimPath(electionPath_), data, &stat);
@@ -330,20 +354,25 @@ std::optional<std::size_t> QueuePlace::Look()
 
 void QueuePlace::Leave()
 {
-    // There is no news any more: neither for the recipe, whose node goes before it is stopped, nor here.
-    connection_->DropCallbacks();
-    nodeStands_ = nodeStands_ && *watchingNode_;
-    {
-        const Connection::WatchHandle node = std::move(nodeWatch_);
-        const Connection::WatchHandle claim = std::move(claimWatch_);
-    }
     // What was made went with the session.
     const bool gone = connection_->SessionOver();
+    if (!std::exchange(leaving_, true))
+    {
+        StopWatching();
+    }
+    else if (nodeStands_ && !gone)
+    {
+        // There was no watch on it since the attempt before.
+        Stat stat{};
+        const int rc = session_->Exists(path_, &stat);
+        RequireGone(rc);
+        nodeStands_ = rc == ZOK && stat.czxid == epoch_;
+    }
     if (mayHaveClaim_ && !gone)
     {
         ReleaseClaim();
     }
-    if (mayHaveIdentity_ && !gone)
+    if (!gone)
     {
         DeleteIdentity();
     }
@@ -352,84 +381,117 @@ void QueuePlace::Leave()
         node_.clear();
         recipe_->Stop();
     }
-    else if (recipe_ && !gone)
+    else if (recipe_ && connection_->MayHaveNode() && !gone)
     {
         DeleteOwnNodes();
     }
 }
 
+/// There is no news any more: neither for the recipe, whose node goes before it is stopped, nor here.
+void QueuePlace::StopWatching()
+{
+    connection_->DropCallbacks();
+    nodeStands_ = nodeStands_ && *watchingNode_;
+    const Connection::WatchHandle node = std::move(nodeWatch_);
+    const Connection::WatchHandle claim = std::move(claimWatch_);
+}
+
+/// Deletes our claim, and with it identity and node. Never the claim of another one, whatever has been deleted and made
+/// anew meanwhile: the transaction deletes our identity, too, and so is refused unless that stands. No other node of
+/// any time has the identity's path. While the identity stands its parent cannot be deleted, and so the parent's
+/// version has not begun again since it was read. Each claim raises it: as long as it is the same, the claim is ours or
+/// gone.
 void QueuePlace::ReleaseClaim()
 {
-    for (;;)
+    bool leaseStands = true;
+    while (claimVersion_ || FindClaim())
     {
-        if (!claimVersion_ && !FindClaim())
-        {
-            break;
-        }
-        // Whoever has claimed the lead since has raised the version: a repetition after a lost reply does no harm.
+        // The node goes with the claim, so that the next one in line, who hears of this, can claim the lead at once.
         std::vector<Operation> release{Operation::Check(IdentitiesPath(electionPath_), *claimVersion_),
-                                       Operation::Delete(ClaimPath(electionPath_))};
-        const std::size_t claimOnly = release.size();
-        release.push_back(Operation::Delete(LeasePath(electionPath_)));
-        if (mayHaveIdentity_)
+                                       Operation::Delete(ClaimPath(electionPath_)), Operation::Delete(identityPath_)};
+        constexpr std::size_t kIdentity = 2;
+        if (leaseStands)
         {
-            release.push_back(Operation::Delete(identityPath_));
+            release.push_back(Operation::Delete(LeasePath(electionPath_)));
         }
+        const std::size_t nodeStep = release.size();
+        const std::size_t leaseStep = nodeStep - 1;
         if (nodeStands_)
         {
-            // With the claim, so that the next one in line, who hears of this, can claim the lead at once.
             release.push_back(Operation::Delete(path_));
         }
         TransactionResult result;
-        int rc = session_->TransactIn(sessionId_, release, result);
-        while (rc == ZNONODE && result.refused && *result.refused >= claimOnly)
-        {
-            // Somebody else has deleted that one.
-            release.erase(release.begin() + static_cast<std::ptrdiff_t>(*result.refused));
-            rc = session_->TransactIn(sessionId_, release, result);
-        }
+        const int rc = session_->TransactIn(sessionId_, release, result);
         if (rc == ZOK)
         {
             mayHaveIdentity_ = false;
+            if (nodeStands_)
+            {
+                connection_->NoteDeleted(path_);
+            }
+            break;
         }
-        if (rc == ZOK && nodeStands_)
+        if (rc == ZNONODE && result.refused == nodeStep)
         {
-            connection_->NoteDeleted(path_);
+            nodeStands_ = false;
         }
-        if (rc != ZBADVERSION)
+        else if (rc == ZNONODE && result.refused == kIdentity)
+        {
+            mayHaveIdentity_ = false;
+            claimVersion_.reset();
+        }
+        else if (rc == ZNONODE && result.refused == leaseStep)
+        {
+            leaseStands = false;
+        }
+        else if (rc == ZBADVERSION)
+        {
+            claimVersion_.reset();
+        }
+        else
         {
             RequireGone(rc);
             break;
         }
-        // Or somebody has written there by hand.
-        claimVersion_.reset();
     }
     mayHaveClaim_ = false;
 }
 
-/// Whether there is a claim of ours, whose answer was lost or whose version is not known any more.
+/// Whether a claim of ours stands, whose answer was lost or whose version is not known any more. Then its version is
+/// known, and the identity stands, which `ReleaseClaim` relies on.
 bool QueuePlace::FindClaim()
 {
-    // A claim that got no answer may still be on its way. Without the identity it comes to nothing.
-    DeleteIdentity();
-    std::string last;
-    Stat stat{};
-    const int rc = session_->GetData(IdentitiesPath(electionPath_), last, &stat);
-    RequireGone(rc);
-    if (rc != ZOK || LookAtClaim() != Claim::Made)
+    for (;;)
     {
-        return false;
+        // A claim that got no answer may still be on its way. Without the identity it comes to nothing.
+        DeleteIdentity();
+        if (ReadClaim() != Claim::Made)
+        {
+            return false;
+        }
+        if (!CreateIdentity())
+        {
+            throw VelmorError("Another candidate of this session takes part");
+        }
+        // In this order: a claim that another one makes after the version was read raises it.
+        const std::optional<LastClaim> last = ReadLastClaim();
+        if (last && ReadClaim() == Claim::Made)
+        {
+            claimVersion_ = last->version;
+            return true;
+        }
     }
-    claimVersion_ = stat.version;
-    return true;
 }
 
 void QueuePlace::DeleteIdentity()
 {
-    if (std::exchange(mayHaveIdentity_, false))
+    if (!mayHaveIdentity_)
     {
-        RequireGone(session_->GuaranteedDelete(identityPath_));
+        return;
     }
+    TransactionResult result;
+    RequireGone(session_->TransactIn(sessionId_, {Operation::Delete(identityPath_)}, result));
+    mayHaveIdentity_ = false;
 }
 
 /// Deletes whatever node is ours: the reply to its creation may have been lost, and its name with it.

@@ -46,7 +46,7 @@ public:
         Taken,
         /// Our nodes are not there any more.
         Gone,
-        /// There has been a leadership with a greater epoch: this place is too old to lead.
+        /// There has been a claim with this epoch or a greater one: this place must not lead.
         Outdated,
         /// The last leader ended without giving the lead back, and its lease may last until `LastLeaseEnd`.
         Waiting,
@@ -79,7 +79,7 @@ public:
     std::optional<std::size_t> Look();
 
     /// Takes everything back: of a leader all at once, or else the identity first. What went with its session is gone
-    /// already, and costs no round trip. When it throws, call it again.
+    /// already, and costs no round trip. When it throws, call it again: until it returns, some of the nodes may stand.
     void Leave();
 
     /// Somebody has told that the node is lost: `Leave` takes care then not to delete another one's of its name.
@@ -121,8 +121,11 @@ private:
     void RefuseCompany() const;
     Stat WatchNode();
     void MakeIdentity();
+    bool CreateIdentity();
     bool HaveIdentity() const;
     Claim LookAtClaim();
+    Claim ReadClaim() const;
+    void StopWatching();
     void DeleteIdentity();
     void ReleaseClaim();
     bool FindClaim();
@@ -142,7 +145,9 @@ private:
     std::string identityPath_;
     std::int64_t epoch_ = 0;
     bool mayHaveIdentity_ = false;
+    /// A claim was asked for here. Its answer may have been lost.
     bool mayHaveClaim_ = false;
+    bool leaving_ = false;
     /// As it was when this was prepared.
     std::optional<LastClaim> lastClaim_;
     /// Empty until a claim has found it.

@@ -243,7 +243,7 @@ TEST_F(CandidateFencingTest, PlaceThatIsOlderThanTheLastLeadershipDoesNotLead)
     ours->Stop();
     AdvanceUntil("its turn, later", [&] { return older->IsLeader(); });
     EXPECT_NE(older->NodeName(), place);
-    Await("the log", [&] { return Logged("older than the last leadership"); });
+    Await("the log", [&] { return Logged("not newer than the last leadership"); });
 }
 
 TEST_F(CandidateFencingTest, EpochThatNobodyCanHaveHadKeepsNobodyAway)

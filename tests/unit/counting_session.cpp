@@ -36,11 +36,19 @@ void CountingSession::BeforeEach(const std::string& read, std::function<void()> 
 
 void CountingSession::Note(const std::string& read) const
 {
-    std::function<void()> task;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         reads_.push_back(read);
-        const auto found = tasks_.find(read);
+    }
+    RunTask(read);
+}
+
+void CountingSession::RunTask(const std::string& before) const
+{
+    std::function<void()> task;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = tasks_.find(before);
         if (found != tasks_.end())
         {
             task = found->second.run;

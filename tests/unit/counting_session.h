@@ -13,7 +13,7 @@
 namespace kx::velmor::testing_support {
 
 /// Hands everything on to another session, and keeps a list of the reads, as in "exists /a", "watch /a", "data /a",
-/// "children /a".
+/// "children /a". Tasks can run before reads, and before each "transaction".
 ///
 /// Threads: any.
 class CountingSession final : public ElectionSession
@@ -25,7 +25,7 @@ public:
     int Count(const std::string& read) const;
     std::vector<std::string> Take();
     void Forget() { Take(); }
-    /// Runs `task` before the next such read, or before each one.
+    /// Runs `task` before the next such read or transaction, or before each one.
     void Before(const std::string& read, std::function<void()> task);
     void BeforeEach(const std::string& read, std::function<void()> task);
 
@@ -55,11 +55,13 @@ public:
     int GuaranteedDelete(std::string path) const override { return session_->GuaranteedDelete(std::move(path)); }
     int Transact(const std::vector<Operation>& operations, TransactionResult& result) const override
     {
+        RunTask("transaction");
         return session_->Transact(operations, result);
     }
     int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
                    TransactionResult& result) const override
     {
+        RunTask("transaction");
         return session_->TransactIn(sessionId, operations, result);
     }
 
@@ -71,6 +73,7 @@ private:
     };
 
     void Note(const std::string& read) const;
+    void RunTask(const std::string& before) const;
 
     const std::shared_ptr<ElectionSession> session_;
     mutable std::mutex mutex_;

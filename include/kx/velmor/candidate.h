@@ -157,7 +157,8 @@ public:
     /// Makes no call to the service, and starts nothing. `session` must not be null.
     Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions options);
 
-    /// Leaves the election, as `Stop` does.
+    /// Leaves the election, as `Stop` does. When the servers refuse to delete its nodes, it does not try again: they go
+    /// with the session.
     ~Candidate();
 
     Candidate(const Candidate&) = delete;
@@ -165,6 +166,7 @@ public:
 
     /// Takes part from now on: joins as soon as a server is reachable. Does nothing on a candidate that takes part.
     /// What can never succeed (a path that names no node, no permission) ends in `Stopped`, with `Error` saying why.
+    /// When `Stop` could not delete the nodes of the place before, they are deleted first.
     ///
     /// Does not block.
     void Start();
@@ -172,9 +174,10 @@ public:
     /// Leaves the election. A leader's `onLeaderLost` has returned before its node is deleted, so that the next one
     /// does not begin before this one has finished. Does nothing on a candidate that takes no part.
     ///
-    /// Blocks until callbacks have returned and the node is deleted, or cannot be for want of a connection (it goes in
-    /// the background then, or with the session, which is kept open for that). In a callback of this candidate it does
-    /// not block: all of that happens when the callback has returned.
+    /// Blocks until callbacks have returned and the node is deleted. It does not wait for a server that cannot be
+    /// reached, or that refuses the deletion (`Error` tells then, and the next one in line cannot lead): the deletion is
+    /// repeated in the background until it succeeds or the session ends. The session is kept open for that. In a
+    /// callback of this candidate `Stop` does not block: all of that happens when the callback has returned.
     void Stop();
 
     /// Whether this candidate leads: true only while no server can have ended its session, so that nobody else can
@@ -206,7 +209,8 @@ public:
     /// As it is told to others.
     const std::string& Identity() const noexcept;
 
-    /// Why it has stopped by itself; empty when it has not. `Start` clears it.
+    /// While it is stopped: why it has stopped by itself, and which nodes the servers refuse to delete. Empty without
+    /// either. `Start` clears the first, a deletion that succeeds clears the second.
     std::string Error() const;
 
 private:

@@ -323,6 +323,63 @@ TEST_F(CandidateServersTest, LostRepliesLeaveNothingTwice)
     EXPECT_EQ(overlaps.Stop(), 0);
 }
 
+TEST_F(CandidateServersTest, RefusedLeavingIsRepeatedAndNoEpochLeadsTwice)
+{
+    Member first = Make("first", true);
+    Member second = Make("second", false);
+    Pair(first, second);
+    OverlapWatch overlaps({first.candidate.get(), second.candidate.get()});
+    const std::string node = first->NodeName();
+    const std::int64_t epoch = first->CurrentLeadership().value().Epoch();
+    observer_.Permit("/election-identities", ZOO_PERM_ALL & ~ZOO_PERM_DELETE);
+
+    first->Stop();
+    EXPECT_EQ(first->Error(), "could not take back /election/" + node + ": not authenticated");
+    first->Start();
+    EXPECT_FALSE(second->WaitForRole(Role::Leader, milliseconds(200))) << "The claim stands";
+    EXPECT_EQ(first->CurrentRole(), Role::Joining);
+    EXPECT_EQ(observer_.List("/election").front(), node);
+
+    observer_.Permit("/election-identities", ZOO_PERM_ALL);
+    ASSERT_TRUE(second->WaitForRole(Role::Leader, kPatience));
+    ASSERT_TRUE(first->WaitForRole(Role::NextLeader, kPatience));
+    AwaitWhole(2);
+    second->Stop();
+    ASSERT_TRUE(first->WaitForRole(Role::Leader, kPatience));
+    EXPECT_GT(first->CurrentLeadership().value().Epoch(), epoch);
+    EXPECT_EQ(overlaps.Stop(), 0);
+}
+
+TEST_F(CandidateServersTest, LateLeaverLeavesTheClaimOfItsSuccessor)
+{
+    std::promise<void> finished;
+    Member first = Make("first", true);
+    CandidateOptions slow;
+    slow.electionPath = "/election";
+    slow.rejoin = false;
+    slow.onLeaderLost = [journal = first.journal, done = finished.get_future().share()](LossReason) {
+        journal->Note("leaves");
+        done.wait();
+    };
+    first.candidate = std::make_unique<Candidate>(first.session, std::move(slow));
+    first->Start();
+    ASSERT_TRUE(first->WaitForRole(Role::Leader, kPatience));
+    observer_.Delete("/election/" + first->NodeName());
+    first.journal->Await("leaves");
+    observer_.DeleteAll("/election");
+    observer_.DeleteAll("/election-identities");
+
+    Member second = Make("second", false);
+    second->Start();
+    ASSERT_TRUE(second->WaitForRole(Role::Leader, kPatience));
+    const Leadership leadership = second->CurrentLeadership().value();
+    finished.set_value();
+    first->Stop();
+    EXPECT_TRUE(observer_.Exists("/election-identities/leader"));
+    EXPECT_TRUE(leadership.Write({kx::velmor::Operation::Check("/election")}));
+    EXPECT_TRUE(leadership.Stands());
+}
+
 TEST_F(CandidateServersTest, GuardedWriteIsRefusedOnceSomebodyElseLeads)
 {
     Member first = Make("first", true);

@@ -214,6 +214,17 @@ bool RawClient::Delete(const std::string& path)
     return rc == ZOK;
 }
 
+void RawClient::Permit(const std::string& path, int permissions)
+{
+    ACL entry{permissions, ZOO_ANYONE_ID_UNSAFE};
+    const ACL_vector list{1, &entry};
+    const int rc = ::zoo_set_acl(impl_->handle_.Get(), path.c_str(), -1, &list);
+    if (rc != ZOK)
+    {
+        Fail("set the access list of", path, rc);
+    }
+}
+
 void RawClient::DeleteAll(const std::string& path)
 {
     String_vector names{};

@@ -49,6 +49,8 @@ public:
     bool Delete(const std::string& path);
     /// The node and all below it; whoever deletes at the same time is no hindrance.
     void DeleteAll(const std::string& path);
+    /// Replaces the node's access list: everybody has these permissions, as in `ZOO_PERM_READ | ZOO_PERM_ADMIN`.
+    void Permit(const std::string& path, int permissions);
     /// Makes the server that this session is connected to catch up with the ensemble.
     void Sync(const std::string& path = "/");
 

@@ -398,9 +398,9 @@ void QueuePlace::StopWatching()
 
 /// Deletes our claim, and with it identity and node. Never the claim of another one, whatever has been deleted and made
 /// anew meanwhile: the transaction deletes our identity, too, and so is refused unless that stands. No other node of
-/// any time has the identity's path. While the identity stands its parent cannot be deleted, and so the parent's
-/// version has not begun again since it was read. Each claim raises it: as long as it is the same, the claim is ours or
-/// gone.
+/// any time has the identity's path, as long as each candidate of an election has a session of its own. While the
+/// identity stands its parent cannot be deleted, and so the parent's version has not begun again since it was read.
+/// Each claim raises it: as long as it is the same, the claim is ours or gone.
 void QueuePlace::ReleaseClaim()
 {
     bool leaseStands = true;

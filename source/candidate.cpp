@@ -1,3 +1,5 @@
+// What programs call. In a forked child it answers by itself and leaves the core alone: see `CandidateCore::Inherited`.
+
 #include "source/candidate_core.h"
 
 #include <kx/velmor/candidate.h>
@@ -6,6 +8,13 @@
 #include <utility>
 
 namespace kx::velmor {
+
+namespace {
+
+constexpr const char* kInheritedError =
+    "This process was forked from the one that made the candidate: it takes a session and a candidate of its own";
+
+}  // namespace
 
 const char* ToString(Role role) noexcept
 {
@@ -49,12 +58,12 @@ Leadership::Leadership(std::shared_ptr<CandidateCore> core, std::uint64_t stay, 
 
 bool Leadership::Stands() const noexcept
 {
-    return core_->Stands(stay_);
+    return !core_->Inherited() && core_->Stands(stay_);
 }
 
 GuardedWrite Leadership::Write(const std::vector<Operation>& operations) const
 {
-    return core_->Write(stay_, operations);
+    return core_->Inherited() ? GuardedWrite{GuardedWrite::Outcome::NotLeading} : core_->Write(stay_, operations);
 }
 
 Candidate::Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions options)
@@ -63,52 +72,68 @@ Candidate::Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions 
 
 Candidate::~Candidate()
 {
+    if (core_->Inherited())
+    {
+        Abandon(core_);
+        return;
+    }
     core_->ShutDown();
 }
 
 void Candidate::Start()
 {
-    core_->Start();
+    // In a forked child `Error` tells why not.
+    if (!core_->Inherited())
+    {
+        core_->Start();
+    }
 }
 
 void Candidate::Stop()
 {
-    core_->Stop();
+    if (!core_->Inherited())
+    {
+        core_->Stop();
+    }
 }
 
 bool Candidate::IsLeader() const noexcept
 {
-    return core_->IsLeader();
+    return !core_->Inherited() && core_->IsLeader();
 }
 
 std::chrono::milliseconds Candidate::LeaseLeft() const noexcept
 {
+    if (core_->Inherited())
+    {
+        return std::chrono::milliseconds(0);
+    }
     return std::chrono::floor<std::chrono::milliseconds>(std::max(core_->LeaseLeft(), BootClock::duration::zero()));
 }
 
 std::optional<Leadership> Candidate::CurrentLeadership() const
 {
-    return core_->CurrentLeadership();
+    return core_->Inherited() ? std::nullopt : core_->CurrentLeadership();
 }
 
 Role Candidate::CurrentRole() const
 {
-    return core_->CurrentRole();
+    return core_->Inherited() ? Role::Stopped : core_->CurrentRole();
 }
 
 bool Candidate::WaitForRole(Role role, std::chrono::milliseconds timeout) const
 {
-    return core_->WaitForRole(role, timeout);
+    return core_->Inherited() ? role == Role::Stopped : core_->WaitForRole(role, timeout);
 }
 
 Role Candidate::WaitForChange(Role from, std::chrono::milliseconds timeout) const
 {
-    return core_->WaitForChange(from, timeout);
+    return core_->Inherited() ? Role::Stopped : core_->WaitForChange(from, timeout);
 }
 
 std::string Candidate::NodeName() const
 {
-    return core_->NodeName();
+    return core_->Inherited() ? std::string() : core_->NodeName();
 }
 
 const std::string& Candidate::Identity() const noexcept
@@ -118,7 +143,7 @@ const std::string& Candidate::Identity() const noexcept
 
 std::string Candidate::Error() const
 {
-    return core_->Error();
+    return core_->Inherited() ? kInheritedError : core_->Error();
 }
 
 }  // namespace kx::velmor

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "source/backoff.h"
+#include "source/fork_mark.h"
 #include "source/lease.h"
 #include "source/queue_place.h"
 #include "source/sync.h"
@@ -37,6 +38,10 @@ public:
     ~CandidateCore() = default;
     CandidateCore(const CandidateCore&) = delete;
     CandidateCore& operator=(const CandidateCore&) = delete;
+
+    /// Whether this is a forked child's copy: threads do not exist, and locks may be held for ever. Nothing else here is
+    /// to be called then, except `Identity`.
+    bool Inherited() const noexcept { return made_.Inherited(); }
 
     // See `Candidate`.
 
@@ -191,6 +196,7 @@ private:
     void WakeWorker() KX_REQUIRES(mutex_);
     std::chrono::milliseconds SessionTimeout() const { return session_->Status().negotiatedTimeout; }
 
+    const ForkMark made_;
     const std::shared_ptr<ElectionSession> session_;
     /// Its callbacks belong to `mutex_`, and while the teller runs they stay as they are.
     CandidateOptions options_;

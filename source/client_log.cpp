@@ -1,5 +1,7 @@
 #include "source/client_log.h"
 
+#include "source/fork_mark.h"
+
 #include <kx/logging/logger.h>
 
 #include <zookeeper/zookeeper.h>
@@ -68,6 +70,8 @@ Line Parse(std::string_view line)
 class Relay
 {
 public:
+    Relay() { zoo_set_debug_level(ZOO_LOG_LEVEL_INFO); }
+
     void Put(Line line)
     {
         const MutexLock lock(mutex_);
@@ -186,11 +190,7 @@ private:
 /// Never destroyed: handles that are open at the end of the process keep writing while static objects go.
 Relay& TheRelay()
 {
-    static Relay* const relay = [] {
-        zoo_set_debug_level(ZOO_LOG_LEVEL_INFO);
-        return new Relay;
-    }();
-    return *relay;
+    return OfThisProcess<Relay>();
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 
 #include "source/sync.h"
 
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdlib>
 
 namespace kx::velmor {
 
@@ -10,7 +13,8 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{1};
 
-thread_local bool t_inside = false;
+class Gate;
+thread_local const Gate* t_inside = nullptr;
 
 class Gate
 {
@@ -23,7 +27,7 @@ public:
             return false;
         }
         ++inside_;
-        t_inside = true;
+        t_inside = this;
         return true;
     }
 
@@ -31,7 +35,7 @@ public:
     {
         const MutexLock lock(mutex_);
         --inside_;
-        t_inside = false;
+        t_inside = nullptr;
         left_.NotifyAll();
     }
 
@@ -40,7 +44,7 @@ public:
         const Clock::time_point deadline = Clock::now() + kPatience;
         const MutexLock lock(mutex_);
         closed_ = true;
-        const int ourselves = t_inside ? 1 : 0;
+        const int ourselves = t_inside == this ? 1 : 0;
         while (inside_ > ourselves && left_.WaitUntil(mutex_, deadline))
         {}
     }
@@ -55,8 +59,7 @@ private:
 /// Never destroyed: threads come by until the process is gone.
 Gate& TheGate()
 {
-    static Gate& gate = *new Gate;
-    return gate;
+    return OfThisProcess<Gate>();
 }
 
 struct Closer
@@ -78,6 +81,10 @@ ExitGate::Pass::Pass() : granted_(TheGate().Enter()) {}
 
 ExitGate::Pass::~Pass()
 {
+    if (mark_.Inherited())
+    {
+        ::_exit(EXIT_FAILURE);
+    }
     if (granted_)
     {
         TheGate().Leave();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "source/fork_mark.h"
+
 namespace kx::velmor {
 
 /// Keeps callbacks from running into the end of their process: once static objects are destroyed, what a callback
@@ -18,6 +20,9 @@ public:
     {
     public:
         Pass();
+        /// In a child that was forked meanwhile: ends the child, with `EXIT_FAILURE` and without a trace. The child has
+        /// returned from a callback that forked, and its only thread is the copy of one of the library's, which would
+        /// run the parent's next callbacks.
         ~Pass();
         Pass(const Pass&) = delete;
         Pass& operator=(const Pass&) = delete;
@@ -26,6 +31,7 @@ public:
         explicit operator bool() const { return granted_; }
 
     private:
+        const ForkMark mark_;
         const bool granted_;
     };
 };

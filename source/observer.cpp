@@ -2,6 +2,7 @@
 #include "source/election_nodes.h"
 #include "source/election_reader.h"
 #include "source/exit_gate.h"
+#include "source/fork_mark.h"
 #include "source/sync.h"
 
 #include <kx/velmor/election_session.h>
@@ -119,6 +120,8 @@ public:
           reader_(*session_, electionPath_, [bell = bell_] { bell->Ring(); })
     {}
 
+    bool Inherited() const noexcept { return made_.Inherited(); }
+
     void Start()
     {
         ExitGate::Guard();
@@ -223,6 +226,7 @@ private:
         }
     }
 
+    const ForkMark made_;
     const std::shared_ptr<ElectionSession> session_;
     const std::string electionPath_;
     const Observer::Callback onView_;
@@ -257,6 +261,11 @@ Observer::Observer(std::shared_ptr<ElectionSession> session, const std::string& 
 
 Observer::~Observer()
 {
+    if (core_->Inherited())
+    {
+        Abandon(core_);
+        return;
+    }
     core_->ShutDown();
 }
 

@@ -107,8 +107,12 @@ bool CanNameANode(const std::string& path, bool sequential)
 }
 
 /// What an operation that only names a node is refused with; `ZOK` when it may be sent.
-int CheckPath(const std::string& path, const std::string& fullPath)
+int CheckPath(const SessionCore& core, const std::string& path, const std::string& fullPath)
 {
+    if (core.Inherited())
+    {
+        return ZCLOSING;
+    }
     if (!CanBeSent(path) || TooLarge(RequestBytes(fullPath, std::string(), ACL_vector{0, nullptr}), fullPath))
     {
         return ZBADARGUMENTS;
@@ -132,37 +136,52 @@ Session::Session(std::shared_ptr<SessionCore> core) : core_(std::move(core)) {}
 
 Session::~Session()
 {
+    if (core_->Inherited())
+    {
+        Abandon(core_);
+        return;
+    }
     core_->Close(!DisarmsOnThisThread());
 }
 
 void Session::Close()
 {
-    core_->Close(true);
+    if (!core_->Inherited())
+    {
+        core_->Close(true);
+    }
 }
 
 SessionStatus Session::Status() const
 {
+    if (core_->Inherited())
+    {
+        SessionStatus closed;
+        closed.state = SessionState::Closed;
+        closed.negotiatedTimeout = core_->Options().sessionTimeout;
+        return closed;
+    }
     return core_->Status();
 }
 
 Registration Session::OnStateChange(StateListener listener)
 {
-    return core_->OnStateChange(std::move(listener));
+    return core_->Inherited() ? Registration() : core_->OnStateChange(std::move(listener));
 }
 
 Registration Session::OnHeard(HeardListener listener)
 {
-    return core_->OnHeard(std::move(listener));
+    return core_->Inherited() ? Registration() : core_->OnHeard(std::move(listener));
 }
 
 Registration Session::OnEnding(EndingListener listener)
 {
-    return core_->OnEnding(std::move(listener));
+    return core_->Inherited() ? Registration() : core_->OnEnding(std::move(listener));
 }
 
 Registration Session::KeepFresh()
 {
-    return core_->KeepFresh();
+    return core_->Inherited() ? Registration() : core_->KeepFresh();
 }
 
 const std::string& Session::RootPath() const
@@ -185,6 +204,10 @@ std::string Session::RelativePath(const std::string& fullPath) const
 int Session::Create(std::string path, const std::string& data, const ACL_vector& asked, int flags,
                     std::string* createdPath) const
 {
+    if (core_->Inherited())
+    {
+        return ZCLOSING;
+    }
     const ACL_vector acl = core_->Access().InPlaceOf(asked);
     const bool sequential = (flags & ZOO_SEQUENCE) != 0;
     const std::size_t room = createdPath != nullptr ? createdPath->size() : std::string::npos;
@@ -216,28 +239,28 @@ int Session::Create(std::string path, const std::string& data, const ACL_vector&
 int Session::GetChildren(std::string path, std::vector<std::string>& children) const
 {
     const std::string fullPath = FullPath(path, false);
-    const int rc = CheckPath(path, fullPath);
+    const int rc = CheckPath(*core_, path, fullPath);
     return rc == ZOK ? core_->GetChildren(fullPath, children) : rc;
 }
 
 int Session::GetData(std::string path, std::string& data, Stat* stat) const
 {
     const std::string fullPath = FullPath(path, false);
-    const int rc = CheckPath(path, fullPath);
+    const int rc = CheckPath(*core_, path, fullPath);
     return rc == ZOK ? core_->GetData(fullPath, data, stat) : rc;
 }
 
 int Session::Exists(std::string path, Stat* stat) const
 {
     const std::string fullPath = FullPath(path, false);
-    const int rc = CheckPath(path, fullPath);
+    const int rc = CheckPath(*core_, path, fullPath);
     return rc == ZOK ? core_->Exists(fullPath, stat) : rc;
 }
 
 std::pair<int, Connection::WatchHandle> Session::Exists(std::string path, WatchCallback callback, Stat* stat) const
 {
     const std::string fullPath = FullPath(path, false);
-    int rc = CheckPath(path, fullPath);
+    int rc = CheckPath(*core_, path, fullPath);
     if (rc != ZOK)
     {
         return {rc, WatchHandle()};
@@ -251,7 +274,7 @@ std::pair<int, Connection::WatchHandle> Session::Exists(std::string path, WatchC
 int Session::GuaranteedDelete(std::string path) const
 {
     const std::string fullPath = FullPath(path, false);
-    const int rc = CheckPath(path, fullPath);
+    const int rc = CheckPath(*core_, path, fullPath);
     return rc == ZOK ? core_->GuaranteedDelete(fullPath, core_->Deadline()) : rc;
 }
 
@@ -270,6 +293,10 @@ int Session::Transact(std::optional<std::int64_t> sessionId, const std::vector<O
                       TransactionResult& result) const
 {
     result = {};
+    if (core_->Inherited())
+    {
+        return ZCLOSING;
+    }
     std::vector<Operation> full = operations;
     for (Operation& operation : full)
     {
@@ -295,7 +322,7 @@ int Session::Transact(std::optional<std::int64_t> sessionId, const std::vector<O
 
 std::unique_ptr<clientid_t> Session::ClientId() const
 {
-    return core_->ClientId();
+    return core_->Inherited() ? nullptr : core_->ClientId();
 }
 
 }  // namespace kx::velmor

@@ -212,7 +212,7 @@ Registration SessionCore::OnStateChange(ElectionSession::StateListener callback)
         events_.Post([listener, status = StatusNow()] { listener->Tell(status); });
     }
     return Registration([weak = weak_from_this(), listener] {
-        if (const auto self = weak.lock())
+        if (const auto self = weak.lock(); self && !self->Inherited())
         {
             self->listeners_.Remove(listener);
         }
@@ -243,7 +243,7 @@ Registration SessionCore::AddListener(HeardListeners SessionCore::*listeners, El
         listener = (this->*listeners).Add(std::move(callback));
     }
     return Registration([weak = weak_from_this(), listeners, listener] {
-        if (const auto self = weak.lock())
+        if (const auto self = weak.lock(); self && !self->Inherited())
         {
             ((*self).*listeners).Remove(listener);
         }

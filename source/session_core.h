@@ -4,6 +4,7 @@
 #include "source/backoff.h"
 #include "source/client_handle.h"
 #include "source/event_loop.h"
+#include "source/fork_mark.h"
 #include "source/heard_listeners.h"
 #include "source/server_list.h"
 #include "source/session_lifetime.h"
@@ -43,6 +44,10 @@ public:
     ~SessionCore() = default;
     SessionCore(const SessionCore&) = delete;
     SessionCore& operator=(const SessionCore&) = delete;
+
+    /// Whether this is a forked child's copy: threads do not exist, locks may be held for ever, and the connection is
+    /// the parent's. Nothing else here is to be called then, except `Options` and `Access`.
+    bool Inherited() const noexcept { return made_.Inherited(); }
 
     /// See `Session::Close`. Without `wait`, a callback may still be running afterwards.
     void Close(bool wait);
@@ -214,6 +219,7 @@ private:
     /// Ends all that are pending.
     void FinishDeletes(int rc) KX_REQUIRES(mutex_);
 
+    const ForkMark made_;
     const SessionOptions options_;
     const std::vector<Server> servers_;
     const bool numericServers_;

@@ -166,7 +166,7 @@ Registration SessionCore::KeepFresh()
         }
     }
     return Registration([weak = weak_from_this()] {
-        if (const auto self = weak.lock())
+        if (const auto self = weak.lock(); self && !self->Inherited())
         {
             const MutexLock lock(self->mutex_);
             --self->freshHolds_;

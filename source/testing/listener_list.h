@@ -1,5 +1,6 @@
 #pragma once
 
+#include "source/fork_mark.h"
 #include "source/sync.h"
 
 #include <kx/velmor/registration.h>
@@ -28,6 +29,10 @@ public:
         const MutexLock lock(data_->mutex);
         data_->listeners.push_back(listener);
         return Registration([data = data_, weak = std::weak_ptr<const Callback>(listener)] {
+            if (data->made.Inherited())
+            {
+                return;
+            }
             // Destroyed after the lock: its captures may cancel something else.
             const Listener gone = weak.lock();
             const MutexLock cancelLock(data->mutex);
@@ -53,6 +58,7 @@ private:
 
     struct Data
     {
+        const ForkMark made{};
         Mutex mutex;
         std::vector<Listener> listeners KX_GUARDED_BY(mutex);
     };

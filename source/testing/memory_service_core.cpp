@@ -200,7 +200,7 @@ Registration MemoryServiceCore::OnStateChange(Record& session, ElectionSession::
         Post(session, [listener, status = session.status] { listener->Tell(status); });
     }
     return Registration([weak = session.weak_from_this(), listener] {
-        if (const auto alive = weak.lock())
+        if (const auto alive = weak.lock(); alive && !alive->made.Inherited())
         {
             alive->listeners.Remove(listener);
         }
@@ -226,7 +226,7 @@ Registration MemoryServiceCore::KeepFresh(Record& session)
         }
     }
     return Registration([weak = session.weak_from_this()] {
-        if (const auto alive = weak.lock())
+        if (const auto alive = weak.lock(); alive && !alive->made.Inherited())
         {
             const MutexLock lock(alive->service->mutex_);
             --alive->freshHolds;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "source/event_loop.h"
+#include "source/fork_mark.h"
 #include "source/state_listeners.h"
 #include "source/sync.h"
 #include "source/testing/activity.h"
@@ -36,6 +37,7 @@ struct MemorySessionRecord : std::enable_shared_from_this<MemorySessionRecord>
     }
 
     // Constant.
+    const ForkMark made{};
     const std::shared_ptr<MemoryServiceCore> service;
     const MemorySessionOptions options;
 

@@ -19,43 +19,68 @@ std::string Relative(const MemorySessionRecord& session, const std::string& path
     return path.size() > root ? path.substr(root) : path.empty() ? path : "/";
 }
 
+/// What an operation is refused with before the service is asked; `ZOK` when it is not.
+int CheckPath(const MemorySessionRecord& session, const std::string& path)
+{
+    if (session.made.Inherited())
+    {
+        return ZCLOSING;
+    }
+    return IsNodePath(path) ? ZOK : ZBADARGUMENTS;
+}
+
 }  // namespace
 
 MemorySession::MemorySession(std::shared_ptr<MemorySessionRecord> record) : record_(std::move(record)) {}
 
 MemorySession::~MemorySession()
 {
+    if (record_->made.Inherited())
+    {
+        Abandon(record_);
+        return;
+    }
     record_->service->Close(*record_, !DisarmsOnThisThread());
 }
 
 void MemorySession::Close()
 {
-    record_->service->Close(*record_, true);
+    if (!record_->made.Inherited())
+    {
+        record_->service->Close(*record_, true);
+    }
 }
 
 SessionStatus MemorySession::Status() const
 {
+    if (record_->made.Inherited())
+    {
+        SessionStatus closed;
+        closed.state = SessionState::Closed;
+        closed.negotiatedTimeout = record_->options.sessionTimeout;
+        return closed;
+    }
     return record_->service->Status(*record_);
 }
 
 Registration MemorySession::OnStateChange(StateListener listener)
 {
-    return record_->service->OnStateChange(*record_, std::move(listener));
+    return record_->made.Inherited() ? Registration() : record_->service->OnStateChange(*record_, std::move(listener));
 }
 
 Registration MemorySession::OnHeard(HeardListener listener)
 {
-    return record_->heard.Add(std::move(listener));
+    return record_->made.Inherited() ? Registration() : record_->heard.Add(std::move(listener));
 }
 
 Registration MemorySession::OnEnding(EndingListener listener)
 {
-    return record_->endings.Add(std::move(listener));
+    return record_->made.Inherited() ? Registration() : record_->endings.Add(std::move(listener));
 }
 
 Registration MemorySession::KeepFresh()
 {
-    return record_->service->KeepFresh(*record_);
+    return record_->made.Inherited() ? Registration() : record_->service->KeepFresh(*record_);
 }
 
 BootClock::time_point MemorySession::Now() const noexcept
@@ -65,7 +90,7 @@ BootClock::time_point MemorySession::Now() const noexcept
 
 Registration MemorySession::OnClockJump(std::function<void()> listener)
 {
-    return record_->service->OnClockJump(std::move(listener));
+    return record_->made.Inherited() ? Registration() : record_->service->OnClockJump(std::move(listener));
 }
 
 const std::string& MemorySession::RootPath() const
@@ -76,6 +101,10 @@ const std::string& MemorySession::RootPath() const
 int MemorySession::Create(std::string path, const std::string& data, const ACL_vector& acl, int flags,
                           std::string* createdPath) const
 {
+    if (record_->made.Inherited())
+    {
+        return ZCLOSING;
+    }
     const bool sequential = (flags & ZOO_SEQUENCE) != 0;
     const bool fits = createdPath == nullptr || createdPath->size() >= path.size() + (sequential ? kSequenceDigits : 0);
     if (!IsNodePath(path, sequential) || !fits || (flags & ~(ZOO_EPHEMERAL | ZOO_SEQUENCE)) != 0)
@@ -93,7 +122,8 @@ int MemorySession::Create(std::string path, const std::string& data, const ACL_v
 
 int MemorySession::GetChildren(std::string path, std::vector<std::string>& children) const
 {
-    return IsNodePath(path) ? record_->service->GetChildren(*record_, record_->InTree(path), children) : ZBADARGUMENTS;
+    const int rc = CheckPath(*record_, path);
+    return rc == ZOK ? record_->service->GetChildren(*record_, record_->InTree(path), children) : rc;
 }
 
 int MemorySession::Exists(std::string path, Stat* stat) const
@@ -105,14 +135,15 @@ int MemorySession::Exists(std::string path, Stat* stat) const
 std::pair<int, Connection::WatchHandle> MemorySession::Exists(std::string path, WatchCallback callback,
                                                               Stat* stat) const
 {
-    if (!IsNodePath(path))
+    int rc = CheckPath(*record_, path);
+    if (rc != ZOK)
     {
-        return {ZBADARGUMENTS, WatchHandle()};
+        return {rc, WatchHandle()};
     }
     const auto watch = std::make_shared<WatchRegistry::Watch>(std::move(callback));
     WatchHandle handle(WatchRegistry::Watch::ForHandle(watch));
     NodeTree::Node node;
-    const int rc = record_->service->Watch(*record_, record_->InTree(path), watch, node);
+    rc = record_->service->Watch(*record_, record_->InTree(path), watch, node);
     if (rc == ZOK && stat != nullptr)
     {
         *stat = StatOf(node);
@@ -122,7 +153,8 @@ std::pair<int, Connection::WatchHandle> MemorySession::Exists(std::string path, 
 
 int MemorySession::GuaranteedDelete(std::string path) const
 {
-    return IsNodePath(path) ? record_->service->GuaranteedDelete(*record_, record_->InTree(path)) : ZBADARGUMENTS;
+    const int rc = CheckPath(*record_, path);
+    return rc == ZOK ? record_->service->GuaranteedDelete(*record_, record_->InTree(path)) : rc;
 }
 
 std::unique_ptr<clientid_t> MemorySession::ClientId() const
@@ -139,12 +171,13 @@ std::unique_ptr<clientid_t> MemorySession::ClientId() const
 
 int MemorySession::GetData(std::string path, std::string& data, Stat* stat) const
 {
-    if (!IsNodePath(path))
+    int rc = CheckPath(*record_, path);
+    if (rc != ZOK)
     {
-        return ZBADARGUMENTS;
+        return rc;
     }
     NodeTree::Node node;
-    const int rc = record_->service->Look(*record_, record_->InTree(path), node);
+    rc = record_->service->Look(*record_, record_->InTree(path), node);
     if (rc != ZOK)
     {
         return rc;
@@ -172,6 +205,10 @@ int MemorySession::Transact(std::optional<std::int64_t> sessionId, const std::ve
                             TransactionResult& result) const
 {
     result = TransactionResult();
+    if (record_->made.Inherited())
+    {
+        return ZCLOSING;
+    }
     if (operations.empty())
     {
         return ZBADARGUMENTS;

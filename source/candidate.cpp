@@ -58,7 +58,7 @@ Leadership::Leadership(std::shared_ptr<CandidateCore> core, std::uint64_t stay, 
 
 bool Leadership::Stands() const noexcept
 {
-    return !core_->Inherited() && core_->Stands(stay_);
+    return core_->Stands(stay_) && !core_->Inherited();
 }
 
 GuardedWrite Leadership::Write(const std::vector<Operation>& operations) const
@@ -99,7 +99,8 @@ void Candidate::Stop()
 
 bool Candidate::IsLeader() const noexcept
 {
-    return !core_->Inherited() && core_->IsLeader();
+    // In this order, since most candidates do not lead. The lease and the clock take no lock.
+    return core_->IsLeader() && !core_->Inherited();
 }
 
 std::chrono::milliseconds Candidate::LeaseLeft() const noexcept

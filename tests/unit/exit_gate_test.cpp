@@ -1,6 +1,9 @@
 #include "source/exit_gate.h"
 
+#include "tests/support/forked_child.h"
+
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -82,6 +85,56 @@ void ExitWhileSomebodyStaysInside()
     std::exit(kUnjudged);
 }
 
+/// How long a forked child takes to exit while a thread of its parent is inside the gate.
+std::chrono::steady_clock::duration TimeAChild()
+{
+    const auto begin = std::chrono::steady_clock::now();
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        std::exit(kUnjudged);
+    }
+    return testing_support::AwaitEndOf(child) == kAsItShould ? std::chrono::steady_clock::now() - begin
+                                                             : std::chrono::steady_clock::duration::max();
+}
+
+void ForkWhileSomebodyStaysInside()
+{
+    static const Judge judge(&IsClosed);
+    ExitGate::Guard();
+    std::promise<void> entered;
+    std::thread([&entered] {
+        const ExitGate::Pass pass;
+        entered.set_value();
+        std::promise<void>().get_future().wait();
+    }).detach();
+    entered.get_future().wait();
+    // A process that waits for those who stay takes a second. A busy machine may be as slow, but not each time.
+    for (int attempt = 0; attempt < 20; ++attempt)
+    {
+        if (TimeAChild() < std::chrono::milliseconds(700))
+        {
+            std::_Exit(kAsItShould);
+        }
+    }
+    std::_Exit(kWrong);
+}
+
+void ForkInside()
+{
+    ExitGate::Guard();
+    pid_t child = 0;
+    {
+        const ExitGate::Pass pass;
+        child = ::fork();
+    }
+    if (child == 0)
+    {
+        std::_Exit(kUnjudged);
+    }
+    std::_Exit(testing_support::AwaitEndOf(child) == EXIT_FAILURE ? kAsItShould : kWrong);
+}
+
 class ExitGateTest : public ::testing::Test
 {
 protected:
@@ -113,6 +166,16 @@ TEST_F(ExitGateTest, DoesNotWaitForTheThreadThatEndsTheProcess)
 TEST_F(ExitGateTest, DoesNotWaitForEverForThoseWhoStay)
 {
     EXPECT_EXIT(ExitWhileSomebodyStaysInside(), ::testing::ExitedWithCode(kAsItShould), "");
+}
+
+TEST_F(ExitGateTest, OfAForkedChildWaitsForNobodyInItsParent)
+{
+    EXPECT_EXIT(ForkWhileSomebodyStaysInside(), ::testing::ExitedWithCode(kAsItShould), "");
+}
+
+TEST_F(ExitGateTest, EndsAChildThatWasForkedInside)
+{
+    EXPECT_EXIT(ForkInside(), ::testing::ExitedWithCode(kAsItShould), "");
 }
 
 }  // namespace

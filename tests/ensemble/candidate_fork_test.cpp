@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -78,7 +78,7 @@ class CandidateForkTest : public SessionFixture
 {
 protected:
     /// Long enough for a busy machine; a leadership that nobody extends lasts for two thirds of it.
-    static constexpr milliseconds kSessionTimeout{6'000};
+    static constexpr milliseconds kSessionTimeout{4'000};
 
     CandidateForkTest()
     {

@@ -33,7 +33,7 @@ using std::chrono::milliseconds;
 constexpr std::chrono::seconds kPatience{20};
 
 /// Should nobody end the child: its parent may be gone.
-constexpr unsigned int kLifetimeSeconds = 120;
+constexpr unsigned int kLifetimeSeconds = 60;
 
 void Say(const std::string& line)
 {

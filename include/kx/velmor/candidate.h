@@ -93,7 +93,7 @@ public:
     /// created the candidate's node, as ZooKeeper counts them.)
     std::int64_t Epoch() const noexcept { return epoch_; }
 
-    /// Whether it stands; as `Candidate::IsLeader`, for this leadership alone. Lock-free.
+    /// Whether it stands; as `Candidate::IsLeader`, for this leadership alone. False in a forked child. Lock-free.
     bool Stands() const noexcept;
 
     /// Applies the operations, all or none, if this leadership stands at that moment on the servers: whatever delays
@@ -115,7 +115,8 @@ private:
 ///
 /// The callbacks, each of which may be empty, run one after the other, in the order of what they tell, on a thread of
 /// the candidate's own and with no lock held. They may take their time and call anything. Until they have returned the
-/// candidate does not join again, and the next in line is not let in. What they throw is logged.
+/// candidate does not join again, and the next in line is not let in. What they throw is logged. A child that is forked
+/// in a callback must end there, by `exec` or `_exit`; if it returns from the callback, it exits with `EXIT_FAILURE`.
 struct CandidateOptions
 {
     /// Where the election takes place, as in "/services/billing/leader". Candidates of one election use one path, and
@@ -150,6 +151,13 @@ struct CandidateOptions
 ///
 /// Start and stop it as often as needed. Two candidates of one election need a session each.
 ///
+/// In a forked child, a candidate of the parent is stopped from the child's first instruction on: `IsLeader` is false,
+/// `CurrentRole` is `Stopped`, `Error` says why, and `Start` does nothing. All functions and the destructor return at
+/// once, take no lock and call no server; the destructor leaks what the candidate consists of. The parent's candidate
+/// goes on as before. The child may make sessions and candidates of its own. A child that shares the memory of its
+/// parent
+/// (`vfork`, `CLONE_VM`) cannot be told from it and must not use either.
+///
 /// Threads: two of its own from the first `Start` on. All functions may be called from any thread, callbacks included.
 class Candidate
 {
@@ -165,8 +173,9 @@ public:
     Candidate& operator=(const Candidate&) = delete;
 
     /// Takes part from now on: joins as soon as a server is reachable. Does nothing on a candidate that takes part.
-    /// What can never succeed (a path that names no node, no permission) ends in `Stopped`, with `Error` saying why.
-    /// When `Stop` could not delete the nodes of the place before, they are deleted first.
+    /// What can never succeed (a path that names no node, no permission, a candidate that a forked child has from its
+    /// parent) ends in `Stopped`, with `Error` saying why. When `Stop` could not delete the nodes of the place before,
+    /// they are deleted first.
     ///
     /// Does not block.
     void Start();
@@ -210,7 +219,7 @@ public:
     const std::string& Identity() const noexcept;
 
     /// While it is stopped: why it has stopped by itself, and which nodes the servers refuse to delete. Empty without
-    /// either. `Start` clears the first, a deletion that succeeds clears the second.
+    /// either. `Start` clears the first, except in a forked child. A deletion that succeeds clears the second.
     std::string Error() const;
 
 private:

@@ -92,6 +92,7 @@ public:
     /// Blocks while `onView` runs, and while the read that is under way lasts: for as long as an operation of the
     /// session may take at most, no longer than until the session is closed. In `onView` it does not block: the call
     /// that destroys the observer is the last one, and is the one that goes on.
+    /// In a forked child, the destructor of the parent's observer returns at once, and leaks what it consists of.
     /// Threads: any, holding no lock that `onView` takes.
     ~Observer();
 

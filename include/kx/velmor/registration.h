@@ -30,7 +30,7 @@ public:
     Registration& operator=(const Registration&) = delete;
     ~Registration() { Cancel(); }
 
-    /// Does nothing the second time. Does not block.
+    /// Does nothing the second time, and in a forked child for what its parent asked for. Does not block.
     void Cancel()
     {
         if (const auto cancel = std::exchange(cancel_, nullptr))

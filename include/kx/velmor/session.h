@@ -68,6 +68,12 @@ struct SessionOptions
 /// Every operation returns within `operationTimeout`. Reads are repeated after a lost connection, with back-off, until
 /// then; writes are not, since they may have happened (but see `GuaranteedDelete`). An operation that was under way
 /// when its session ended returns `ZSESSIONEXPIRED`.
+///
+/// In a forked child, a session of the parent is closed: `Status` says so, operations return `ZCLOSING` at once, and
+/// registrations do nothing. `Close` and the destructor return at once, and leak what the session consists of. None of
+/// them takes a lock or sends anything, and the parent's session goes on as before. The child may open sessions of its
+/// own. It has a copy of the descriptor of the parent's connection, which the client library does not mark
+/// close-on-exec: a program that the child executes has it, too.
 class Session : public ElectionSession
 {
 public:

@@ -37,6 +37,8 @@ struct MemorySessionOptions
 /// - Access lists are not kept. `MemoryService::Refuse` stands in for them.
 /// - Requests may be of any size.
 ///
+/// In a forked child, a session of the parent is closed, as a `Session` is.
+///
 /// What the service has ended is followed by a new session without a pause, as part of the same verb.
 ///
 /// Threads: one, the event thread, which alone runs watch callbacks and state listeners. All functions may be called
@@ -123,6 +125,8 @@ private:
 ///
 /// Sessions may outlive the service object. Verbs take sessions of this service, and throw `std::invalid_argument` for
 /// others. Paths are the service's own, with no session's root taken off.
+///
+/// In a forked child, only the destructor of the parent's service may be called; the child makes a service of its own.
 ///
 /// Threads: any, callbacks included, as far as nothing else is said. No function blocks, except `AwaitQuiet`. No lock
 /// is held while a callback or a listener runs.

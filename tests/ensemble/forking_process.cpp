@@ -8,6 +8,7 @@
 #include <kx/velmor/session.h>
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -109,6 +110,8 @@ void ForkOneThatDestroysAll(Member& member, const Leadership& leadership)
 {
     if (::fork() == 0)
     {
+        // Should it hang.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         Answers answers;
         answers.Ask(*member.candidate, leadership);
         member.candidate->Stop();

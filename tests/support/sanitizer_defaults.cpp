@@ -12,6 +12,14 @@ extern "C" const char* __tsan_default_suppressions()
     return "race:__sprintf_chk\n";
 }
 
+/// Tests fork with threads running, and let the child make threads of its own.
+extern "C" const char* __tsan_default_options();
+
+extern "C" const char* __tsan_default_options()
+{
+    return "die_after_fork=0";
+}
+
 /// What arrives, or is answered with an error, in the moment in which a handle is closed is queued for the library's
 /// thread of callbacks when that has left its loop, and nobody frees it any more: watch events that the thread of
 /// input and output takes in, and entries of requests, made when those were submitted.

@@ -107,11 +107,12 @@ TEST_F(ForkWithASession, ChildDestroysOneThatItsParentHadClosed)
 {
     auto session = OpenConnected();
     session->Close();
-    EXPECT_EQ(FindInChild([&](Findings& child) {
-                  session->Close();
-                  child.Expect(session->Exists("/n", nullptr) == ZCLOSING, "exists");
-                  session = nullptr;
-              }),
+    EXPECT_EQ(FindInChildOfABusyParent(*session,
+                                       [&](Findings& child) {
+                                           session->Close();
+                                           child.Expect(session->Exists("/n", nullptr) == ZCLOSING, "exists");
+                                           session = nullptr;
+                                       }),
               "");
 }
 

@@ -184,10 +184,10 @@ int SessionCore::WatchExists(const std::string& path, const WatchRegistry::State
         });
     if (answer.rc != ZOK && answer.rc != ZNONODE)
     {
-        watches_.Remove(path, state);
+        watches_.Remove(state);
     }
-    // An event that was on its way may have used the state up before the client library had its watch; and an attempt
-    // that failed in the end may have armed it.
+    // An event that was on its way may have ended the watch before the client library had it; and an attempt that
+    // failed in the end may have armed it.
     Unwatch(path);
     if (answer.rc == ZOK && stat != nullptr)
     {

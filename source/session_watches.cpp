@@ -51,7 +51,7 @@ void SessionCore::DeliverNodeEvent(int type, int state, const std::string& path,
     const std::string nodePath = path.size() > options_.rootPath.size() ? path.substr(options_.rootPath.size()) : "/";
     TellNodeEvent(watches_, position, type, state, path, nodePath, [this] { return Closed(); });
     DropReleasedWatches();
-    // The event may have used up a state whose watch was armed only after it.
+    // The event may have ended a watch that was armed in the client library only after it.
     Unwatch(path);
 }
 

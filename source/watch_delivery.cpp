@@ -12,46 +12,42 @@ namespace kx::velmor {
 namespace {
 
 using logging::LogLevel;
-using WatchState = Connection::WatchState;
 
-/// The callback, left in place for the next event; empty when nothing may be delivered.
-Connection::WatchCallback CopyCallback(WatchState& state)
+/// The state's callback, which stays in place for later events; empty when nothing may be delivered.
+Connection::WatchCallback CopyCallback(const std::weak_ptr<WatchRegistry::Watch>& weak)
 {
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.active && state.hasCallback ? state.callback : Connection::WatchCallback();
-}
-
-/// The callback, which a node event uses up; empty when nothing may be delivered.
-Connection::WatchCallback TakeCallback(WatchState& state)
-{
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.active || !state.hasCallback)
+    const WatchRegistry::State watch = weak.lock();
+    if (!watch || !watch->Held())
     {
         return Connection::WatchCallback();
     }
-    state.hasCallback = false;
-    return std::exchange(state.callback, nullptr);
+    const std::lock_guard<std::mutex> lock(watch->mutex);
+    return watch->active && watch->hasCallback ? watch->callback : Connection::WatchCallback();
 }
 
-/// Runs what `fetch` gets from a state. Nothing that either throws leaves it.
-void RunCallback(const std::function<Connection::WatchCallback()>& fetch, int type, int state, const std::string& path,
-                 const ClosedCheck& closed)
+/// Runs the callbacks of the states that are still held, one after the other. Nothing that one throws leaves this.
+void Tell(const WatchRegistry::WeakStates& watches, int type, int state, const std::string& path,
+          const ClosedCheck& closed)
 {
-    try
+    for (const std::weak_ptr<WatchRegistry::Watch>& watch : watches)
     {
-        const Connection::WatchCallback callback = fetch();
-        if (callback && !closed())
+        try
         {
-            callback(type, state, path);
+            // Only now: a callback that checks again arms anew and releases the states that it held.
+            const Connection::WatchCallback callback = CopyCallback(watch);
+            if (callback && !closed())
+            {
+                callback(type, state, path);
+            }
         }
-    }
-    catch (const std::exception& error)
-    {
-        KX_LOG(LogLevel::Error, SessionLog()) << "A watch callback threw: " << error.what();
-    }
-    catch (...)
-    {
-        KX_LOG(LogLevel::Error, SessionLog()) << "A watch callback threw something that is no std::exception";
+        catch (const std::exception& error)
+        {
+            KX_LOG(LogLevel::Error, SessionLog()) << "A watch callback threw: " << error.what();
+        }
+        catch (...)
+        {
+            KX_LOG(LogLevel::Error, SessionLog()) << "A watch callback threw something that is no std::exception";
+        }
     }
 }
 
@@ -60,27 +56,13 @@ void RunCallback(const std::function<Connection::WatchCallback()>& fetch, int ty
 void TellSessionEvent(const WatchRegistry& watches, WatchRegistry::Position position, int state,
                       const ClosedCheck& closed)
 {
-    // A callback that checks again arms anew and lets go of what it held, so each state is looked at just before its
-    // turn: who was let go of meanwhile is not told.
-    for (const std::weak_ptr<WatchRegistry::Watch>& weak : watches.Snapshot(position))
-    {
-        const auto fetch = [&] {
-            const WatchRegistry::State watch = weak.lock();
-            return watch && watch->Held() ? CopyCallback(*watch) : Connection::WatchCallback();
-        };
-        RunCallback(fetch, ZOO_SESSION_EVENT, state, std::string(), closed);
-    }
+    Tell(watches.Snapshot(position), ZOO_SESSION_EVENT, state, std::string(), closed);
 }
 
 void TellNodeEvent(WatchRegistry& watches, WatchRegistry::Position position, int type, int state,
                    const std::string& path, const std::string& nodePath, const ClosedCheck& closed)
 {
-    for (WatchRegistry::State& consumed : watches.Consume(path, position))
-    {
-        const auto fetch = [&] { return consumed->Held() ? TakeCallback(*consumed) : Connection::WatchCallback(); };
-        RunCallback(fetch, type, state, nodePath, closed);
-        consumed.reset();
-    }
+    Tell(watches.Consume(path, position), type, state, nodePath, closed);
 }
 
 void DropWatches(WatchRegistry& watches)

@@ -13,12 +13,13 @@ namespace kx::velmor {
 /// Whether the session is closed, so that no callback may begin any more.
 using ClosedCheck = std::function<bool()>;
 
-/// Tells every state that was there at `position` and is still held of a session event, which uses none up.
+/// Tells every state that was there at `position` and is still held of a session event, which ends no watch. States
+/// that have had their node event are told too.
 void TellSessionEvent(const WatchRegistry& watches, WatchRegistry::Position position, int state,
                       const ClosedCheck& closed);
 
-/// Uses up the states that watched `path` at `position`, and tells those that are still held; to them the node is
-/// called `nodePath`.
+/// Ends the watches on `path` that were there at `position`, and tells the states that are still held; to them the node
+/// is called `nodePath`. The states keep their callbacks, for session events.
 void TellNodeEvent(WatchRegistry& watches, WatchRegistry::Position position, int type, int state,
                    const std::string& path, const std::string& nodePath, const ClosedCheck& closed);
 

@@ -56,8 +56,8 @@ std::shared_ptr<Connection::WatchState> WatchRegistry::Watch::ForHandle(const St
 void WatchRegistry::Watch::LetGo(State watch) noexcept
 {
     watch->held_ = false;
-    // What is in no registry, such as after its event, ends with its handle.
-    const std::shared_ptr<Released> released = watch->path_ != nullptr ? watch->released_.lock() : nullptr;
+    // A state that is in no registry ends with its handle.
+    const std::shared_ptr<Released> released = watch->listed_ ? watch->released_.lock() : nullptr;
     if (!released)
     {
         return;
@@ -95,26 +95,12 @@ bool WatchRegistry::Add(const std::string& path, const State& state)
         bytes_ += BytesOf(path);
     }
     state->released_ = released_;
+    state->listed_ = true;
     state->path_ = &found->first;
     state->where_ = one.begin();
     state->added_ = ++now_;
     found->second.splice(found->second.end(), one);
     return true;
-}
-
-template <typename Condition>
-void WatchRegistry::Move(States& from, States& to, const Condition& condition)
-{
-    for (auto state = from.begin(); state != from.end();)
-    {
-        const auto next = std::next(state);
-        if (condition(**state))
-        {
-            (*state)->path_ = nullptr;
-            to.splice(to.end(), from, state);
-        }
-        state = next;
-    }
 }
 
 void WatchRegistry::Erase(Entries::iterator path)
@@ -123,57 +109,84 @@ void WatchRegistry::Erase(Entries::iterator path)
     entries_.erase(path);
 }
 
-void WatchRegistry::Remove(const std::string& path, const State& state)
+void WatchRegistry::Unlist(Watch& watch, States& to, const Unwatch& unwatch)
 {
-    States removed;
-    const MutexLock lock(mutex_);
-    const auto found = entries_.find(path);
-    if (found == entries_.end())
+    watch.listed_ = false;
+    if (watch.path_ == nullptr)
     {
+        to.splice(to.end(), fired_, watch.where_);
         return;
     }
-    Move(found->second, removed, [&](const Watch& watch) { return &watch == state.get(); });
-    if (found->second.empty())
+    const auto path = entries_.find(*watch.path_);
+    to.splice(to.end(), path->second, watch.where_);
+    watch.path_ = nullptr;
+    if (path->second.empty())
     {
-        Erase(found);
+        unwatch(path->first);
+        Erase(path);
     }
 }
 
-WatchRegistry::States WatchRegistry::Consume(const std::string& path, Position position)
+void WatchRegistry::Remove(const State& state)
 {
-    States consumed;
+    States removed;
+    const MutexLock lock(mutex_);
+    if (state->listed_)
+    {
+        Unlist(*state, removed, [](const std::string& /*path*/) {});
+    }
+}
+
+WatchRegistry::WeakStates WatchRegistry::Consume(const std::string& path, Position position)
+{
+    WeakStates consumed;
     const MutexLock lock(mutex_);
     const auto found = entries_.find(path);
     if (found == entries_.end())
     {
         return consumed;
     }
-    Move(found->second, consumed, [&](const Watch& watch) { return watch.added_ <= position; });
-    if (found->second.empty())
+    States& watchers = found->second;
+    for (auto state = watchers.begin(); state != watchers.end();)
+    {
+        const auto next = std::next(state);
+        if ((*state)->added_ <= position)
+        {
+            consumed.push_back(*state);
+            (*state)->path_ = nullptr;
+            fired_.splice(fired_.end(), watchers, state);
+        }
+        state = next;
+    }
+    if (watchers.empty())
     {
         Erase(found);
     }
     return consumed;
 }
 
-std::vector<std::weak_ptr<WatchRegistry::Watch>> WatchRegistry::Snapshot(Position position) const
+WatchRegistry::WeakStates WatchRegistry::Snapshot(Position position) const
 {
     std::vector<std::pair<Position, std::weak_ptr<Watch>>> held;
     {
-        const MutexLock lock(mutex_);
-        for (const auto& [path, watchers] : entries_)
-        {
-            for (const State& state : watchers)
+        const auto add = [&](const States& states) {
+            for (const State& state : states)
             {
                 if (state->added_ < position && state->Held())
                 {
                     held.emplace_back(state->added_, state);
                 }
             }
+        };
+        const MutexLock lock(mutex_);
+        add(fired_);
+        for (const auto& [path, watchers] : entries_)
+        {
+            add(watchers);
         }
     }
     std::sort(held.begin(), held.end(), [](const auto& left, const auto& right) { return left.first < right.first; });
-    std::vector<std::weak_ptr<Watch>> states;
+    WeakStates states;
     states.reserve(held.size());
     for (auto& [added, state] : held)
     {
@@ -195,18 +208,9 @@ WatchRegistry::States WatchRegistry::TakeReleased(const Unwatch& unwatch)
     States dropped;
     for (const State& state : released)
     {
-        const std::string* const watched = state->path_;
-        if (watched == nullptr)
+        if (state->listed_)
         {
-            continue;
-        }
-        const auto path = entries_.find(*watched);
-        dropped.splice(dropped.end(), path->second, state->where_);
-        state->path_ = nullptr;
-        if (path->second.empty())
-        {
-            unwatch(path->first);
-            Erase(path);
+            Unlist(*state, dropped, unwatch);
         }
     }
     return released;
@@ -218,7 +222,13 @@ WatchRegistry::States WatchRegistry::TakeAll()
     const MutexLock lock(mutex_);
     for (auto& [path, watchers] : entries_)
     {
-        Move(watchers, all, [](const Watch& /*watch*/) { return true; });
+        all.splice(all.end(), watchers);
+    }
+    all.splice(all.end(), fired_);
+    for (const State& state : all)
+    {
+        state->listed_ = false;
+        state->path_ = nullptr;
     }
     entries_.clear();
     bytes_ = 0;
@@ -236,12 +246,15 @@ void WatchRegistry::UnwatchIfUnwatched(const std::string& path, const Unwatch& u
 
 std::size_t WatchRegistry::HeldCount() const
 {
-    std::size_t count = 0;
+    const auto held = [](const States& states) {
+        return static_cast<std::size_t>(
+            std::count_if(states.begin(), states.end(), [](const State& state) { return state->Held(); }));
+    };
     const MutexLock lock(mutex_);
+    std::size_t count = held(fired_);
     for (const auto& [path, watchers] : entries_)
     {
-        count += static_cast<std::size_t>(
-            std::count_if(watchers.begin(), watchers.end(), [](const State& state) { return state->Held(); }));
+        count += held(watchers);
     }
     return count;
 }

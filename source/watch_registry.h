@@ -18,6 +18,10 @@ namespace kx::velmor {
 
 /// The watch states of a session by the path that they watch: the connection's share of each.
 ///
+/// A node event ends a state's watch on its path. The state stays listed for session events until its handle releases
+/// it: the owner's reaction to the node event may have failed for lack of a connection, and the reconnection is then
+/// the only event that still comes.
+///
 /// A state that its handle has let go of is dropped by `TakeReleased`. It says so itself, so that looking for such
 /// states, which every operation does, costs nothing per state that is held.
 /// No lock is held when a state, and so perhaps a callback, is destroyed: what is dropped is returned to the caller.
@@ -29,6 +33,8 @@ public:
     class Watch;
     using State = std::shared_ptr<Watch>;
     using States = std::list<State>;
+    /// States that are not kept alive.
+    using WeakStates = std::vector<std::weak_ptr<Watch>>;
 
     /// An armed watch state. There is one handle to it, which owns what `ForHandle` returns.
     class Watch : public Connection::WatchState
@@ -51,10 +57,11 @@ public:
 
         // Written under the registry's lock. First, because who looks through many states looks at nothing else.
 
-        /// The registry's key; null while it is in none.
-        std::atomic<const std::string*> path_{nullptr};
+        std::atomic<bool> listed_{false};
+        /// The registry's key; null when the state watches no path.
+        const std::string* path_ = nullptr;
         std::uint64_t added_ = 0;
-        /// In the registry's list of its path.
+        /// In the registry's list of its path, or in `fired_`.
         States::iterator where_;
 
         // Of whoever adds it, and then of whoever lets go of it.
@@ -83,14 +90,16 @@ public:
     /// The caller holds the handle meanwhile.
     bool Add(const std::string& path, const State& state);
 
-    /// Drops one state, armed or not.
-    void Remove(const std::string& path, const State& state);
+    /// Drops one state, before or after its node event. Does nothing for a state that is not listed.
+    void Remove(const State& state);
 
-    /// Drops the states that were added to `path` before `position` and returns them.
-    States Consume(const std::string& path, Position position);
+    /// Ends the watch on `path` of the states that were added to it before `position`, and returns these in the order
+    /// of adding. They stay listed for `Snapshot` until they are released.
+    WeakStates Consume(const std::string& path, Position position);
 
-    /// What was added before `position` and is still held, oldest first, without keeping it alive.
-    std::vector<std::weak_ptr<Watch>> Snapshot(Position position) const;
+    /// What was added before `position` and is still held, oldest first: the states that have had their node event
+    /// included.
+    WeakStates Snapshot(Position position) const;
 
     /// Drops every state whose handle has let go of it; among what is returned may be some that were dropped before.
     States TakeReleased(const Unwatch& unwatch);
@@ -101,15 +110,14 @@ public:
     /// Calls `unwatch` unless a state watches `path`.
     void UnwatchIfUnwatched(const std::string& path, const Unwatch& unwatch) const;
 
-    /// How many states a handle still holds.
+    /// How many states a handle still holds, before or after their node events.
     std::size_t HeldCount() const;
 
 private:
     using Entries = std::unordered_map<std::string, States>;
 
-    /// Moves the states to which `condition` applies from a path's to others.
-    template <typename Condition>
-    static void Move(States& from, States& to, const Condition& condition);
+    /// Moves a listed state out. Calls `unwatch` if its path is left without states.
+    void Unlist(Watch& watch, States& to, const Unwatch& unwatch) KX_REQUIRES(mutex_);
 
     /// Forgets a path that nobody watches any more.
     void Erase(Entries::iterator path) KX_REQUIRES(mutex_);
@@ -119,6 +127,8 @@ private:
     mutable Mutex mutex_;
     mutable Position now_ KX_GUARDED_BY(mutex_) = 0;
     Entries entries_ KX_GUARDED_BY(mutex_);
+    /// States whose watch has ended with a node event.
+    States fired_ KX_GUARDED_BY(mutex_);
     /// What the paths take in a request.
     std::size_t bytes_ KX_GUARDED_BY(mutex_) = 0;
 };

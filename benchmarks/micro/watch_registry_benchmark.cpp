@@ -49,15 +49,17 @@ private:
     std::vector<Handle> held_;
 };
 
-/// One more watch, and the event of its node.
+/// One more watch, the event of its node, and its release.
 void AddAndConsume(benchmark::State& state)
 {
     Watched watched(state);
     const std::string path = Path(state.range(0));
     for (auto _ : state)
     {
-        const Handle watch = watched.Watch(path);
+        Handle watch = watched.Watch(path);
         benchmark::DoNotOptimize(watched.registry.Consume(path, watched.registry.Now()));
+        watch.reset();
+        benchmark::DoNotOptimize(watched.registry.TakeReleased([](const std::string& /*path*/) {}));
     }
 }
 
@@ -98,7 +100,7 @@ void Paths(benchmark::internal::Benchmark* benchmark)
     benchmark->Arg(1)->Arg(1'000)->Arg(20'000)->ArgName("paths");
 }
 
-BENCHMARK(AddAndConsume)->Name("watch added and its event")->Apply(Paths);
+BENCHMARK(AddAndConsume)->Name("watch added, its event, released and taken")->Apply(Paths);
 BENCHMARK(AddAndTakeReleased)->Name("watch added, let go of and taken")->Apply(Paths);
 BENCHMARK(TakeNothing)->Name("look for watches let go of, none is")->Apply(Paths);
 BENCHMARK(Snapshot)->Name("all watches listed")->Apply(Paths);

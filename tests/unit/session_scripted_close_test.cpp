@@ -316,11 +316,12 @@ TEST_F(ClosingASession, MayBeDoneByDroppingTheLastReferenceInACallback)
     auto session = OpenConnected();
     library.Expect(Sent::WatchExists, "/n");
     Barrier handed;
+    const auto owner = std::make_shared<std::shared_ptr<Session>>(session);
     auto watched = session->Exists(
         "/n",
-        [&, session](int, int, const std::string&) mutable {
+        [&, owner](int, int, const std::string&) {
             handed.Pass();
-            session.reset();
+            owner->reset();
             journal.Note("dropped");
         },
         nullptr);
@@ -340,11 +341,14 @@ TEST_F(ClosingASession, MayBeDoneByDroppingTheLastReferenceWithACallback)
     library.Expect(Sent::WatchExists, "/n");
     auto watched = session->Exists(
         "/n", [session](int, int, const std::string&) {}, nullptr);
+    library.Expect(Sent::WatchExists, "/m");
+    const auto other = session->Exists(
+        "/m", [&](int, int, const std::string&) { watched.second = WatchHandle(); }, nullptr);
     const std::weak_ptr<Session> alive = session;
     session.reset();
     ASSERT_FALSE(alive.expired());
-    // The event uses the callback up, and the event thread destroys it.
-    library.Fire(1, ZOO_DELETED_EVENT, "/n");
+    // The event thread drops the state that was released, and with it the callback.
+    library.Fire(1, ZOO_DELETED_EVENT, "/m");
     library.Asked().Await("1 close");
 }
 

@@ -51,7 +51,7 @@ protected:
     }
 };
 
-TEST_F(WatchesOfASession, NodeEventIsToldOnceToThoseOfItsPath)
+TEST_F(WatchesOfASession, NodeEventIsToldOnceAndSessionEventsAreToldBeforeAndAfterIt)
 {
     const auto session = OpenConnected();
     const auto first = Watch(*session, "/n", "first");
@@ -63,8 +63,54 @@ TEST_F(WatchesOfASession, NodeEventIsToldOnceToThoseOfItsPath)
     EXPECT_THAT(Told(), ElementsAre("first deleted /n", "second deleted /n"));
     Reconnect(1);
     AwaitQuiet(*session, 1);
-    EXPECT_THAT(Told(), ElementsAre("other session connecting", "other session connected"))
-        << "who has had its event is no longer told of the session";
+    EXPECT_THAT(Told(), ElementsAre("first session connecting", "second session connecting", "other session connecting",
+                                    "first session connected", "second session connected", "other session connected"));
+    EXPECT_THAT(library.Armed(1), ElementsAre("/m")) << "a state that has had its node event watches no node";
+    library.Fire(1, ZOO_DELETED_EVENT, "/n");
+    AwaitQuiet(*session, 1);
+    EXPECT_THAT(Told(), IsEmpty());
+}
+
+TEST_F(WatchesOfASession, StateThatIsReleasedAfterItsNodeEventIsDropped)
+{
+    const auto session = OpenConnected();
+    bool destroyed = false;
+    library.Expect(Sent::WatchExists, "/n");
+    auto watched = session->Exists(
+        "/n", [this, probe = WhenDestroyed([&] {
+                         destroyed = true;
+                     })](int, int, const std::string&) { journal.Note("told"); },
+        nullptr);
+    library.Fire(1, ZOO_DELETED_EVENT, "/n");
+    AwaitQuiet(*session, 1);
+    EXPECT_THAT(Told(), ElementsAre("told"));
+    const auto armedAgain = Watch(*session, "/n", "again");
+    EXPECT_FALSE(destroyed) << "its handle still holds it";
+    watched.second = WatchHandle();
+    Operate(*session);
+    EXPECT_TRUE(destroyed);
+    EXPECT_THAT(library.Armed(1), ElementsAre("/n")) << "the new watch stays armed";
+    Reconnect(1);
+    AwaitQuiet(*session, 1);
+    EXPECT_THAT(Told(), ElementsAre("again session connecting", "again session connected"));
+}
+
+TEST_F(WatchesOfASession, CloseDropsTheCallbacksOfWatchesThatHaveFired)
+{
+    const auto session = OpenConnected();
+    library.Expect(Sent::WatchExists, "/n");
+    bool destroyed = false;
+    const auto watched = session->Exists(
+        "/n", [this, probe = WhenDestroyed([&] {
+                         destroyed = true;
+                     })](int, int, const std::string&) { journal.Note("told"); },
+        nullptr);
+    library.Fire(1, ZOO_DELETED_EVENT, "/n");
+    AwaitQuiet(*session, 1);
+    EXPECT_THAT(Told(), ElementsAre("told"));
+    EXPECT_FALSE(destroyed);
+    session->Close();
+    EXPECT_TRUE(destroyed);
 }
 
 TEST_F(WatchesOfASession, SessionEventsAreToldToAllInTheOrderOfArmingAndConsumeNone)
@@ -436,12 +482,15 @@ TEST_F(WatchesOfASession, CallbacksAreDestroyedWithNoLockOfTheSessionHeld)
         return session->Exists(
             "/n", [probe = WhenDestroyed(use)](int, int, const std::string&) {}, nullptr);
     };
-    // After a node event; by an operation, after its handle was assigned over; by its handle.
-    auto told = watch();
-    library.Fire(1, ZOO_DELETED_EVENT, "/n");
-    journal.Await("used", 1);
+    // By an operation, after its handle was assigned over: before its node event, and after it; by its handle.
     auto assigned = watch();
     assigned.second = WatchHandle();
+    Operate(*session);
+    EXPECT_EQ(used, 1);
+    auto told = watch();
+    library.Fire(1, ZOO_DELETED_EVENT, "/n");
+    AwaitQuiet(*session, 1);
+    told.second = WatchHandle();
     Operate(*session);
     EXPECT_EQ(used, 2);
     {

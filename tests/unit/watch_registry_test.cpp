@@ -38,20 +38,24 @@ protected:
         return registry.TakeReleased([this](const std::string& path) { unwatched.push_back(path); });
     }
 
-    std::vector<State> Snapshot(WatchRegistry::Position position) const
+    static std::vector<State> Lock(const WatchRegistry::WeakStates& weakStates)
     {
         std::vector<State> states;
-        for (const std::weak_ptr<WatchRegistry::Watch>& weak : registry.Snapshot(position))
+        for (const std::weak_ptr<WatchRegistry::Watch>& weak : weakStates)
         {
             states.push_back(weak.lock());
         }
         return states;
     }
 
-    void Remove(const std::string& path, const Handle& handle)
+    std::vector<State> Snapshot(WatchRegistry::Position position) const { return Lock(registry.Snapshot(position)); }
+
+    std::vector<State> Consume(const std::string& path, WatchRegistry::Position position)
     {
-        registry.Remove(path, std::static_pointer_cast<WatchRegistry::Watch>(handle));
+        return Lock(registry.Consume(path, position));
     }
+
+    void Remove(const Handle& handle) { registry.Remove(std::static_pointer_cast<WatchRegistry::Watch>(handle)); }
 
     WatchRegistry registry;
     std::vector<std::string> unwatched;
@@ -74,16 +78,58 @@ TEST_F(WatchRegistryTest, WatchIsArmedAndHeldUntilItsHandleLetsGoOfIt)
     EXPECT_FALSE(watch->Held());
 }
 
-TEST_F(WatchRegistryTest, NodeEventConsumesTheStatesOfItsPath)
+TEST_F(WatchRegistryTest, NodeEventEndsTheWatchesOnItsPath)
 {
     const Handle first = Add("/a");
     const Handle second = Add("/a");
     const Handle other = Add("/b");
     const WatchRegistry::Position event = registry.Now();
-    EXPECT_THAT(registry.Consume("/a", event), ElementsAre(first, second));
-    EXPECT_THAT(registry.Consume("/a", event), IsEmpty());
-    EXPECT_EQ(registry.HeldCount(), 1U);
-    EXPECT_THAT(registry.Consume("/none", event), IsEmpty());
+    EXPECT_THAT(Consume("/a", event), ElementsAre(first, second));
+    EXPECT_THAT(Consume("/a", event), IsEmpty());
+    EXPECT_THAT(Consume("/none", event), IsEmpty());
+}
+
+TEST_F(WatchRegistryTest, StateStaysListedForSessionEventsAfterItsNodeEvent)
+{
+    const Handle first = Add("/a");
+    const Handle second = Add("/b");
+    Handle third = Add("/a");
+    Consume("/a", registry.Now());
+    EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(first, second, third)) << "in the order of arming";
+    EXPECT_EQ(registry.HeldCount(), 3U);
+
+    third.reset();
+    EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(first, second));
+    EXPECT_EQ(TakeReleased().size(), 1U);
+    EXPECT_EQ(registry.HeldCount(), 2U);
+}
+
+TEST_F(WatchRegistryTest, PathIsUnwatchedAfterItsNodeEvent)
+{
+    const auto unwatch = [this](const std::string& path) { unwatched.push_back(path); };
+    Handle fired = Add("/a");
+    Consume("/a", registry.Now());
+    registry.UnwatchIfUnwatched("/a", unwatch);
+    EXPECT_THAT(unwatched, ElementsAre("/a"));
+
+    const Handle armedAgain = Add("/a");
+    registry.UnwatchIfUnwatched("/a", unwatch);
+    fired.reset();
+    TakeReleased();
+    EXPECT_THAT(unwatched, ElementsAre("/a")) << "the new state still watches the path";
+    EXPECT_THAT(Consume("/a", registry.Now()), ElementsAre(armedAgain));
+}
+
+TEST_F(WatchRegistryTest, StateReleasedBeforeItsNodeEventIsDroppedAfterIt)
+{
+    const auto captured = std::make_shared<int>();
+    Handle handle = Add("/a", [captured](int, int, const std::string&) {});
+    handle.reset();
+    Consume("/a", registry.Now());
+    EXPECT_EQ(captured.use_count(), 2);
+    EXPECT_EQ(TakeReleased().size(), 1U);
+    EXPECT_EQ(captured.use_count(), 1);
+    EXPECT_THAT(unwatched, IsEmpty()) << "the node event has ended the watch already";
 }
 
 TEST_F(WatchRegistryTest, NodeEventLeavesWhatWasArmedAfterIt)
@@ -91,8 +137,8 @@ TEST_F(WatchRegistryTest, NodeEventLeavesWhatWasArmedAfterIt)
     const Handle before = Add("/a");
     const WatchRegistry::Position event = registry.Now();
     const Handle after = Add("/a");
-    EXPECT_THAT(registry.Consume("/a", event), ElementsAre(before));
-    EXPECT_THAT(registry.Consume("/a", registry.Now()), ElementsAre(after));
+    EXPECT_THAT(Consume("/a", event), ElementsAre(before));
+    EXPECT_THAT(Consume("/a", registry.Now()), ElementsAre(after));
 }
 
 TEST_F(WatchRegistryTest, SnapshotIsInTheOrderOfArmingAndConsumesNothing)
@@ -147,8 +193,8 @@ TEST_F(WatchRegistryTest, WatchLetGoOfAfterItsEventLeavesItsPathWatched)
 {
     Handle consumed = Add("/a");
     Handle removed = Add("/a");
-    registry.Consume("/a", registry.Now() - 1);
-    Remove("/a", removed);
+    Consume("/a", registry.Now() - 1);
+    Remove(removed);
     const Handle armedAgain = Add("/a");
     consumed.reset();
     removed.reset();
@@ -247,14 +293,23 @@ TEST_F(WatchRegistryTest, RemoveDropsOneStateOnly)
 {
     const Handle one = Add("/a");
     const Handle another = Add("/a");
-    Remove("/a", one);
+    Remove(one);
     EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(another));
     EXPECT_EQ(registry.HeldCount(), 1U);
-    Remove("/a", one);
-    Remove("/none", one);
+    Remove(one);
     EXPECT_EQ(registry.HeldCount(), 1U);
-    Remove("/a", another);
+    Remove(another);
     EXPECT_EQ(registry.HeldCount(), 0U);
+}
+
+TEST_F(WatchRegistryTest, RemoveDropsAStateAfterItsNodeEvent)
+{
+    const Handle fired = Add("/a");
+    Consume("/a", registry.Now());
+    const Handle armed = Add("/a");
+    Remove(fired);
+    EXPECT_THAT(Snapshot(registry.Now()), ElementsAre(armed));
+    EXPECT_THAT(Consume("/a", registry.Now()), ElementsAre(armed));
 }
 
 TEST_F(WatchRegistryTest, PathIsUnwatchedOnlyWhenNoStateWatchesIt)
@@ -263,14 +318,9 @@ TEST_F(WatchRegistryTest, PathIsUnwatchedOnlyWhenNoStateWatchesIt)
     Handle state = Add("/a");
     registry.UnwatchIfUnwatched("/a", unwatch);
     EXPECT_THAT(unwatched, IsEmpty());
-    Remove("/a", state);
+    Remove(state);
     registry.UnwatchIfUnwatched("/a", unwatch);
     EXPECT_THAT(unwatched, ElementsAre("/a"));
-
-    state = Add("/b");
-    EXPECT_EQ(registry.Consume("/b", registry.Now()).size(), 1U);
-    registry.UnwatchIfUnwatched("/b", unwatch);
-    EXPECT_THAT(unwatched, ElementsAre("/a", "/b"));
 }
 
 TEST_F(WatchRegistryTest, NewWatchWaitsUntilItsPathIsUnwatched)
@@ -302,17 +352,31 @@ TEST_F(WatchRegistryTest, PathsTakeNoMoreRoomThanARequestHas)
     EXPECT_FALSE(registry.Add("/", oneMore));
     EXPECT_TRUE(registry.Add(half, oneMore)) << "the path is there already";
 
-    registry.Remove(half, oneMore);
+    registry.Remove(oneMore);
     EXPECT_FALSE(registry.Add("/", oneMore)) << "the path is still watched";
-    Remove(half, state);
+    Remove(state);
     EXPECT_TRUE(registry.Add("/", oneMore));
+}
+
+TEST_F(WatchRegistryTest, StateAfterItsNodeEventTakesNoRoom)
+{
+    const std::string half = "/" + std::string(499'995, 'a');
+    const Handle first = Add(half);
+    const Handle second = Add("/" + std::string(499'995, 'b'));
+    const auto oneMore = std::make_shared<WatchRegistry::Watch>(nullptr);
+    ASSERT_FALSE(registry.Add("/", oneMore));
+    Consume(half, registry.Now());
+    EXPECT_TRUE(registry.Add("/", oneMore));
+    EXPECT_EQ(registry.HeldCount(), 3U);
 }
 
 TEST_F(WatchRegistryTest, TakeAllLeavesNothing)
 {
     const Handle held = Add("/a");
     Add("/b").reset();
-    EXPECT_EQ(registry.TakeAll().size(), 2U);
+    const Handle fired = Add("/c");
+    Consume("/c", registry.Now());
+    EXPECT_EQ(registry.TakeAll().size(), 3U);
     EXPECT_EQ(registry.HeldCount(), 0U);
     EXPECT_THAT(registry.TakeAll(), IsEmpty());
     EXPECT_EQ(registry.HeldCount(), 0U);

@@ -95,9 +95,11 @@ public:
     virtual int Exists(std::string path, Stat* stat) const = 0;
 
     /// As above, and watches the node: after `ZOK` or `ZNONODE` the callback runs on the node's next event, once, and
-    /// on every event of the session until then, for as long as the returned handle lives. It may run before this call
-    /// returns. After any other code nothing is watched. The end of the session ends the watch on the node: what was
-    /// told "expired" hears of sessions only, until it is armed again.
+    /// on every event of the session, before and after the node's. Both end with the returned handle. The callback may
+    /// run before this call returns. After any other code nothing is watched.
+    ///
+    /// The end of the session ends the watch on the node: a callback that was told "expired" receives only events of
+    /// the session, until it is armed again.
     virtual std::pair<int, WatchHandle> Exists(std::string path, WatchCallback callback, Stat* stat) const = 0;
 
     /// Deletes a node, whatever its version. When the outcome is unknown, goes on trying after the call has returned,

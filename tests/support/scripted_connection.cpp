@@ -40,7 +40,7 @@ std::string DescribeFlags(int flags)
     return others == 0 ? text : text + " flags:" + std::to_string(others);
 }
 
-bool RunCallback(WatchState& state, int type, int connectionState, const std::string& path, bool consume)
+bool RunCallback(WatchState& state, int type, int connectionState, const std::string& path)
 {
     Connection::WatchCallback callback;
     {
@@ -50,15 +50,25 @@ bool RunCallback(WatchState& state, int type, int connectionState, const std::st
             return false;
         }
         callback = state.callback;
-        if (consume)
-        {
-            state.active = false;
-            state.hasCallback = false;
-            state.callback = nullptr;
-        }
     }
     callback(type, connectionState, path);
     return true;
+}
+
+/// Drops the callback of a state that the caller and the session alone still own.
+void DropIfReleased(const std::shared_ptr<WatchState>& state)
+{
+    constexpr long kWithoutHandle = 2;
+    if (state.use_count() != kWithoutHandle)
+    {
+        return;
+    }
+    // Destroyed without the mutex.
+    Connection::WatchCallback callback;
+    const std::lock_guard<std::mutex> lock(state->mutex);
+    callback.swap(state->callback);
+    state->active = false;
+    state->hasCallback = false;
 }
 
 }  // namespace
@@ -102,7 +112,7 @@ long Watch::Keepers() const
 
 bool Watch::Fire(int type, int connectionState, const std::string& eventPath) const
 {
-    return RunCallback(*state, type, connectionState, eventPath, false);
+    return RunCallback(*state, type, connectionState, eventPath);
 }
 
 bool Watch::Fire() const
@@ -212,8 +222,11 @@ bool ScriptedConnection::DeliverOne(std::size_t& ran)
     });
     if (const auto state = next.state.lock(); state && !dropped)
     {
-        const bool consume = next.type != ZOO_SESSION_EVENT;
-        ran += RunCallback(*state, next.type, next.connectionState, next.path, consume) ? 1 : 0;
+        ran += RunCallback(*state, next.type, next.connectionState, next.path) ? 1 : 0;
+    }
+    if (const auto state = next.state.lock(); state && next.type != ZOO_SESSION_EVENT)
+    {
+        DropIfReleased(state);
     }
     return true;
 }

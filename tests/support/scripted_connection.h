@@ -69,8 +69,9 @@ struct ScriptedServiceCore;
 /// A `Connection` to a `ScriptedService`. It writes each call and its arguments into the journal, does what the service
 /// would do, and differs where its script says so.
 ///
-/// Events wait until `Deliver`, or an `EventThread`, runs their callbacks. Watches that were let go of without being
-/// disarmed still fire, unless the service drops them.
+/// Events wait until `Deliver`, or an `EventThread`, runs their callbacks. A node event ends the watch on the node; its
+/// state gets session events until its handle releases it. Watches that were let go of without being disarmed still
+/// fire, unless the service drops them; their node event is their last event.
 ///
 /// Threads: any.
 class ScriptedConnection : public Connection

@@ -44,6 +44,8 @@ struct ScriptedSession
     /// The only lasting owner of the states besides their handles, so that handles can be counted.
     std::vector<std::shared_ptr<Connection::WatchState>> states{};
     std::vector<Watch> watches{};
+    /// Path and state. The path is empty after the node's event and after the end of the session, when the state gets
+    /// session events alone.
     std::vector<std::pair<std::string, std::weak_ptr<Connection::WatchState>>> registered{};
     std::deque<Delivery> pending{};
     bool delivering = false;
@@ -67,25 +69,28 @@ struct ScriptedServiceCore
     bool dropsWatches = false;
 
     /// No handle keeps it any more. `mutex` is held.
+    static bool IsReleased(const std::weak_ptr<Connection::WatchState>& watch) { return watch.use_count() == 1; }
+
+    /// `mutex` is held.
     bool IsDropped(const std::weak_ptr<Connection::WatchState>& watch) const
     {
-        return dropsWatches && watch.use_count() == 1;
+        return dropsWatches && IsReleased(watch);
     }
 
-    /// Takes the watches of one node out and puts their deliveries in line. `mutex` is held.
+    /// Ends the watches on one node and puts their deliveries in line. `mutex` is held.
     void NodeEvent(const std::string& path, int type)
     {
         for (const auto& session : sessions)
         {
-            auto& registered = session->registered;
-            const auto others = std::stable_partition(registered.begin(), registered.end(),
-                                                      [&](const auto& watch) { return watch.first == path; });
-            for (auto watch = registered.begin(); watch != others; ++watch)
+            for (auto& [watched, state] : session->registered)
             {
-                session->pending.push_back(
-                    {watch->second, type, ZOO_CONNECTED_STATE, path.substr(session->rootPath.size())});
+                if (watched == path)
+                {
+                    session->pending.push_back(
+                        {state, type, ZOO_CONNECTED_STATE, path.substr(session->rootPath.size())});
+                    watched.clear();
+                }
             }
-            registered.erase(registered.begin(), others);
         }
         changed.notify_all();
     }
@@ -94,9 +99,10 @@ struct ScriptedServiceCore
     void SessionEvent(ScriptedSession& session, int connectionState)
     {
         auto& registered = session.registered;
-        registered.erase(std::remove_if(registered.begin(), registered.end(),
-                                        [this](const auto& watch) { return IsDropped(watch.second); }),
-                         registered.end());
+        const auto isOver = [this](const auto& watch) {
+            return IsDropped(watch.second) || (watch.first.empty() && IsReleased(watch.second));
+        };
+        registered.erase(std::remove_if(registered.begin(), registered.end(), isOver), registered.end());
         for (const auto& watch : registered)
         {
             session.pending.push_back({watch.second, ZOO_SESSION_EVENT, connectionState, ""});

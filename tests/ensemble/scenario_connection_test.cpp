@@ -207,6 +207,32 @@ TEST_F(ConnectionScenario, WatchWhoseArmingWasLostIsArmedInTheEnd)
     AwaitWhole();
 }
 
+TEST_F(ConnectionScenario, ListingThatGotNoAnswerIsMadeUpForByTheReconnection)
+{
+    Member& leader = Join();
+    // Its listing fails while there is no connection, and its session outlives that.
+    SessionOptions options = Options(seconds(30));
+    options.operationTimeout = milliseconds(500);
+    Member& next = Add(options);
+    next.JoinInTheEnd();
+    next.AwaitIsNext();
+    const std::int64_t session = next.SessionId();
+    Proxy& proxy = next.network->To();
+    proxy.Refuse();
+    proxy.DropReply(Request::GetChildren);
+    leader.Leave();
+    Await("the check has failed", [&] { return Logged("CheckLeader Failed: "); });
+    EXPECT_EQ(proxy.FaultsPending(), 0U);
+    EXPECT_FALSE(next.Leads());
+    EXPECT_THAT(Queue(), ElementsAre(next.candidate->Name()));
+
+    proxy.Accept();
+    next.AwaitLeads();
+    EXPECT_EQ(next.SessionId(), session);
+    leader.Join();
+    AwaitWhole();
+}
+
 TEST_F(ConnectionScenario, CutWhileAllCheck)
 {
     for (int i = 0; i < 6; ++i)

@@ -93,8 +93,96 @@ TEST_F(Events, FailedCheckIsMadeUpForByAReconnection)
     EXPECT_FALSE(candidate->IsNextLeader());
     connection->Recover();
     connection->SessionEvent(ZOO_CONNECTED_STATE);
-    EXPECT_EQ(connection->Deliver(), 1U);
+    EXPECT_EQ(connection->Deliver(), 2U) << "the watch that the first check replaces fires as well";
     EXPECT_TRUE(candidate->IsNextLeader());
+}
+
+TEST_F(Events, FailedCheckOfTheNextLeaderIsMadeUpForByAReconnection)
+{
+    const auto candidate = StartBehind(1);
+    connection->FailEveryCall(ZCONNECTIONLOSS);
+    service.Delete(Node(0));
+    EXPECT_EQ(connection->Deliver(), 1U);
+    EXPECT_FALSE(candidate->IsLeader());
+    EXPECT_TRUE(candidate->IsNextLeader());
+    connection->SessionEvent(ZOO_CONNECTING_STATE);
+    connection->Recover();
+    connection->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_EQ(connection->Deliver(), 2U);
+    EXPECT_TRUE(candidate->IsLeader());
+    EXPECT_EQ(journal.Count("leader"), 1U);
+}
+
+TEST_F(Events, FailedCheckIsRepeatedAtEachReconnectionUntilItSucceeds)
+{
+    const auto candidate = StartBehind(1);
+    connection->FailEveryCall(ZCONNECTIONLOSS);
+    service.Delete(Node(0));
+    connection->Deliver();
+    for (int reconnection = 0; reconnection < 3; ++reconnection)
+    {
+        connection->SessionEvent(ZOO_CONNECTED_STATE);
+        EXPECT_EQ(connection->Deliver(), 1U);
+    }
+    EXPECT_EQ(journal.Count(kFailed + "connection loss"), 4U);
+    connection->Recover();
+    connection->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_EQ(connection->Deliver(), 1U);
+    EXPECT_TRUE(candidate->IsLeader());
+}
+
+TEST_F(Events, LeaderPromotedByAnEventIsCheckedAtEachReconnection)
+{
+    const auto candidate = StartBehind(1);
+    service.Delete(Node(0));
+    EXPECT_EQ(connection->Deliver(), 1U);
+    EXPECT_EQ(journal.Count("leader"), 1U);
+    for (std::size_t reconnection = 1; reconnection <= 3; ++reconnection)
+    {
+        connection->SessionEvent(ZOO_CONNECTED_STATE);
+        EXPECT_EQ(connection->Deliver(), 1U);
+        EXPECT_EQ(journal.Count("leader"), 1 + reconnection);
+    }
+    EXPECT_TRUE(candidate->IsLeader());
+    EXPECT_EQ(connection->Watches().size(), 1U) << "the leader arms nothing";
+}
+
+TEST_F(Events, LeaderPromotedFromThirdPlaceIsCheckedAtMostTwiceAtAReconnection)
+{
+    const auto candidate = StartBehind(2);
+    service.Delete(Node(0));
+    service.Delete(Node(1));
+    connection->Deliver();
+    ASSERT_TRUE(candidate->IsLeader());
+    Happened();
+    connection->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_LE(connection->Deliver(), 2U);
+    const std::size_t checks = journal.Count(kChecking);
+    EXPECT_GE(checks, 1U);
+    EXPECT_LE(checks, 2U);
+}
+
+TEST_F(Events, ThousandReconnectionsAndChecksLeaveTwoWatches)
+{
+    service.DropWatchesThatAreLetGoOf();
+    const auto candidate = StartBehind(2);
+    logging::g_minLogLevel = 100;
+    constexpr int kRounds = 1'000;
+    for (int round = 0; round < kRounds; ++round)
+    {
+        service.Touch(Node(round % 2));
+        ASSERT_EQ(connection->Deliver(), 1U) << round;
+        journal.Take();
+        connection->SessionEvent(ZOO_CONNECTED_STATE);
+        connection->Deliver();
+        const std::size_t checks = journal.Count("GetChildren /e");
+        ASSERT_GE(checks, 1U) << round;
+        ASSERT_LE(checks, 2U) << round;
+    }
+    const std::vector<Watch> watches = connection->Watches();
+    EXPECT_EQ(std::count_if(watches.begin(), watches.end(), [](const Watch& watch) { return watch.Keepers() > 0; }), 2);
+    EXPECT_TRUE(connection->LastWatch(Node(0)).IsArmed());
+    EXPECT_TRUE(connection->LastWatch(Node(1)).IsArmed());
 }
 
 TEST_F(Events, NewSessionAfterAnExpiredOneLacksTheNodeUntilTheCandidateJoinsAgain)
@@ -578,7 +666,7 @@ TEST_F(Destruction, StartedLeaderLeavesItsNodeWithoutAWord)
     EXPECT_FALSE(service.Has(Node(0)));
 }
 
-TEST_F(Destruction, ArmedWatchKeepsTheCandidateAliveUntilItHasFired)
+TEST_F(Destruction, WatchKeepsTheCandidateAliveBeforeAndAfterItsEvent)
 {
     auto candidate = StartBehind(1);
     const std::weak_ptr<CandidateImpl> alive = candidate;
@@ -588,7 +676,14 @@ TEST_F(Destruction, ArmedWatchKeepsTheCandidateAliveUntilItHasFired)
     service.Delete(Node(0));
     EXPECT_EQ(connection->Deliver(), 1U);
     EXPECT_EQ(journal.Count("leader"), 1U) << "the event found its candidate";
-    EXPECT_TRUE(alive.expired()) << "the last reference went with the callback, on the thread of the event";
+    ASSERT_FALSE(alive.expired());
+    connection->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_EQ(connection->Deliver(), 1U);
+    EXPECT_EQ(journal.Count("leader"), 2U);
+
+    // As a connection does when it is closed.
+    ReplaceCallback(connection->LastWatch(Node(0)), nullptr);
+    EXPECT_TRUE(alive.expired());
 }
 
 TEST_F(Destruction, StoppedCandidateGoesWithItsLastStrayWatch)

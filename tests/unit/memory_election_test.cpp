@@ -97,6 +97,48 @@ TEST_F(MemoryElection, SurvivesAnOutageThatIsShorterThanTheTimeout)
     EXPECT_THAT(Told(), Contains("b leads"));
 }
 
+TEST_F(MemoryElection, FailedCheckOfTheNextLeaderIsMadeUpForByAReconnection)
+{
+    const auto a = Started(session, "a");
+    const auto b = Started(other, "b");
+    EXPECT_THAT(Told(), ElementsAre("a leads", "b is next"));
+    const std::int64_t before = other->Status().sessionId;
+    service.Refuse("/election", ZCONNECTIONLOSS);
+    service.Delete("/election/" + a->Name());
+    EXPECT_THAT(Told(), ElementsAre(::testing::HasSubstr("CheckLeader Failed: connection loss")));
+    EXPECT_FALSE(b->IsLeader());
+    service.Refuse("/election", ZOK);
+    service.Cut(*other);
+    service.Heal(*other);
+    EXPECT_THAT(Told(), ElementsAre("b leads"));
+    EXPECT_TRUE(b->IsLeader());
+    EXPECT_EQ(before, other->Status().sessionId);
+
+    // It watches nothing that would replace the watch that has fired, and so each reconnection is told to it.
+    service.Cut(*other);
+    service.Heal(*other);
+    EXPECT_THAT(Told(), ElementsAre("b leads"));
+    b->Stop();
+    service.Cut(*other);
+    service.Heal(*other);
+    EXPECT_THAT(Told(), IsEmpty());
+}
+
+TEST_F(MemoryElection, CandidateThatIsDroppedWithoutStopLivesUntilItsSessionIsClosed)
+{
+    const auto a = Started(session, "a");
+    auto b = Started(other, "b");
+    a->Stop();
+    EXPECT_THAT(Told(), Contains("b leads"));
+    const std::weak_ptr<CandidateImpl> alive = b;
+    b.reset();
+    EXPECT_FALSE(alive.expired());
+    EXPECT_THAT(service.Children("/election"), ElementsAre("c-0000000001"));
+    other->Close();
+    EXPECT_TRUE(alive.expired());
+    EXPECT_THAT(service.Children("/election"), IsEmpty());
+}
+
 TEST_F(MemoryElection, AdoptsTheNodeWhoseCreationWasNotAnswered)
 {
     service.Add("/election");

@@ -111,7 +111,7 @@ TEST_F(MemoryWatches, WhatACallbackThrowsIsLogged)
     EXPECT_THAT(Told(), ElementsAre(::testing::HasSubstr("A watch callback threw: ouch"), "watch: deleted /a"));
 }
 
-TEST_F(MemoryWatches, SessionEventsComeEachTimeUntilTheNodesOwn)
+TEST_F(MemoryWatches, SessionEventsComeEachTimeBeforeAndAfterTheNodesOwn)
 {
     const auto armed = Watching(*session, "/a");
     const auto spared = Watching(*other, "/a", "other");
@@ -123,7 +123,41 @@ TEST_F(MemoryWatches, SessionEventsComeEachTimeUntilTheNodesOwn)
     EXPECT_THAT(Told(), ElementsAre("watch: connecting", "watch: connected", "watch: connecting", "watch: connected"));
     service.Add("/a");
     service.Cut(*session);
-    EXPECT_THAT(Told(), ::testing::UnorderedElementsAre("watch: created /a", "other: created /a"));
+    EXPECT_THAT(Told(), ::testing::UnorderedElementsAre("watch: created /a", "watch: connecting", "other: created /a"));
+    service.Set("/a", "new");
+    service.Heal(*session);
+    EXPECT_THAT(Told(), ElementsAre("watch: connected")) << "it watches the node no more";
+}
+
+TEST_F(MemoryWatches, WatchThatWasLetGoOfAfterItsEventIsDroppedAtTheNextOperation)
+{
+    service.Add("/a");
+    const auto captured = std::make_shared<int>(0);
+    auto [rc, handle] = session->Exists(
+        "/a", [captured](int, int, const std::string&) {}, nullptr);
+    EXPECT_EQ(ZOK, rc);
+    service.Set("/a", "new");
+    Told();
+    const auto armedAgain = Watching(*session, "/a", "again");
+    EXPECT_EQ(2, captured.use_count());
+    handle = Connection::WatchHandle();
+    EXPECT_EQ(ZOK, session->Exists("/a", nullptr));
+    EXPECT_EQ(1, captured.use_count());
+    service.Set("/a", "newer");
+    EXPECT_THAT(Told(), ElementsAre("again: changed /a"));
+}
+
+TEST_F(MemoryWatches, CloseDropsTheCallbacksOfWatchesThatHaveFired)
+{
+    service.Add("/a");
+    const auto captured = std::make_shared<int>(0);
+    const auto watched = session->Exists(
+        "/a", [captured](int, int, const std::string&) {}, nullptr);
+    service.Set("/a", "new");
+    Told();
+    EXPECT_EQ(2, captured.use_count());
+    session->Close();
+    EXPECT_EQ(1, captured.use_count());
 }
 
 TEST_F(MemoryWatches, ChangesThatWereMissedAreToldAfterTheReconnection)

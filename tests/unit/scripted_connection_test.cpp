@@ -117,7 +117,7 @@ TEST_F(Double, ExpiryTakesTheNodesAndTellsBothSides)
     EXPECT_THAT(journal.Take(), ElementsAre("theirs -1 3 ")) << "the watch on the node ended with the session";
 }
 
-TEST_F(Double, NodeEventIsDeliveredOnceAndASessionEventEachTime)
+TEST_F(Double, NodeEventIsDeliveredOnceAndASessionEventEachTimeAlsoAfterIt)
 {
     service.Add("/e");
     auto [rc, handle] = connection->Exists("/e", Noting("event"), nullptr);
@@ -128,8 +128,34 @@ TEST_F(Double, NodeEventIsDeliveredOnceAndASessionEventEachTime)
     service.Touch("/e");
     connection->SessionEvent(ZOO_CONNECTED_STATE);
     journal.Take();
-    EXPECT_EQ(connection->Deliver(), 3U);
-    EXPECT_THAT(journal.Take(), ElementsAre("event -1 1 ", "event -1 3 ", "event 3 3 /e"));
+    EXPECT_EQ(connection->Deliver(), 4U);
+    EXPECT_THAT(journal.Take(), ElementsAre("event -1 1 ", "event -1 3 ", "event 3 3 /e", "event -1 3 "));
+}
+
+TEST_F(Double, WatchThatIsReleasedAfterItsNodeEventGetsNothing)
+{
+    service.Add("/e");
+    auto result = connection->Exists("/e", Noting("event"), nullptr);
+    service.Touch("/e");
+    EXPECT_EQ(connection->Deliver(), 1U);
+    result.second = Connection::WatchHandle();
+    connection->SessionEvent(ZOO_CONNECTED_STATE);
+    EXPECT_EQ(connection->Deliver(), 0U);
+}
+
+TEST_F(Double, NodeEventOfAReleasedWatchDropsItsCallback)
+{
+    service.Add("/e");
+    const auto captured = std::make_shared<int>();
+    auto released = connection->Exists(
+        "/e", [captured](int, int, const std::string&) {}, nullptr);
+    const auto held = connection->Exists(
+        "/e", [captured](int, int, const std::string&) {}, nullptr);
+    released.second = Connection::WatchHandle();
+    EXPECT_EQ(captured.use_count(), 3);
+    service.Touch("/e");
+    EXPECT_EQ(connection->Deliver(), 2U);
+    EXPECT_EQ(captured.use_count(), 2) << "the one that is held keeps its callback";
 }
 
 TEST_F(Double, WatchOnAnAbsentNodeFiresWhenItAppears)

@@ -18,8 +18,9 @@ namespace kx::velmor {
 /// two places ahead, and checks again when one of them changes or the session reconnects. Nothing is retried here: a
 /// check that fails is logged, and the next event brings the next one.
 ///
-/// Own it by a `std::shared_ptr`: each armed watch holds another reference, so that a candidate lives on while the
-/// connection still holds one of its callbacks. May be started again after `Stop` or after a `Start` that threw.
+/// Own it by a `std::shared_ptr`: each watch holds another reference, before and after its node's event, so that a
+/// candidate lives on while the connection still holds one of its callbacks. A candidate that was not stopped may live
+/// until its connection is closed. May be started again after `Stop` or after a `Start` that threw.
 class CandidateImpl : public std::enable_shared_from_this<CandidateImpl>
 {
 public:

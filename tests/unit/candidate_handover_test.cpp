@@ -89,6 +89,43 @@ TEST_F(CandidateHandoverTest, NextOneReadsAnewAsTimePasses)
     EXPECT_EQ(second.CurrentRole(), Role::NextLeader);
 }
 
+TEST_F(CandidateHandoverTest, PromotedLeaderThatIsFoundFirstAgainStaysTheLeaderItIs)
+{
+    Member first(service_, "first");
+    first.Become(Role::Leader);
+    const auto session = service_.Open();
+    const auto counted = std::make_shared<CountingSession>(session);
+    Journal told;
+    CandidateOptions options = Options();
+    options.onLeader = [&](const Leadership&) { told.Note("gained"); };
+    options.onLeaderLost = [&](LossReason) { told.Note("lost"); };
+    Candidate second(counted, options);
+    second.Start();
+    ASSERT_TRUE(second.WaitForRole(Role::NextLeader, kPatience));
+    first->Stop();
+    told.Await("gained");
+    const std::string listing = "children /election";
+    for (int reconnection = 0; reconnection < 3; ++reconnection)
+    {
+        const int before = counted->Count(listing);
+        service_.Cut(*session);
+        service_.Heal(*session);
+        Await("a check of the recipe", [&] { return counted->Count(listing) > before; });
+    }
+    EXPECT_TRUE(second.IsLeader());
+    EXPECT_EQ(second.CurrentRole(), Role::Leader);
+    EXPECT_THAT(told.Lines(), ElementsAre("gained"));
+
+    second.Stop();
+    EXPECT_THAT(told.Lines(), ElementsAre("gained", "lost"));
+    ExpectNobody();
+    const int before = counted->Count(listing);
+    service_.Cut(*session);
+    service_.Heal(*session);
+    service_.AwaitQuiet();
+    EXPECT_EQ(counted->Count(listing), before) << "its recipe has gone";
+}
+
 TEST_F(CandidateHandoverTest, NodeOfItsNameThatIsAnothersStays)
 {
     std::promise<void> finished;

@@ -157,10 +157,11 @@ TEST_F(SessionWatchesTest, WatchThatIsLetGoOfIsDropped)
     EXPECT_EQ(armed.Callbacks(), 1U);
     observer_.Delete("/n");
     observer_.Delete("/m");
-    Cut(*session);
     AwaitDelivery(*session);
+    Cut(*session);
     EXPECT_THAT(letGo.Events(), IsEmpty());
-    EXPECT_THAT(armed.Events(), ElementsAre(NodeEvent(ZOO_DELETED_EVENT, "/n")));
+    EXPECT_THAT(armed.Events(), ElementsAre(NodeEvent(ZOO_DELETED_EVENT, "/n"), SessionEvent(ZOO_CONNECTING_STATE),
+                                            SessionEvent(ZOO_CONNECTED_STATE)));
 }
 
 TEST_F(SessionWatchesTest, WatchThatIsLetGoOfGetsNothing)

@@ -39,8 +39,8 @@ public:
     CandidateCore(const CandidateCore&) = delete;
     CandidateCore& operator=(const CandidateCore&) = delete;
 
-    /// Whether this is a forked child's copy: threads do not exist, and locks may be held for ever. Only what takes none
-    /// may be called then.
+    /// Whether this is a forked child's copy: threads do not exist, and locks may be held for ever. Only what takes
+    /// none may be called then.
     bool Inherited() const noexcept { return made_.Inherited(); }
 
     // See `Candidate`.

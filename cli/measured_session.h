@@ -30,7 +30,9 @@ public:
     Registration OnHeard(HeardListener listener) override { return session_->OnHeard(std::move(listener)); }
     Registration OnEnding(EndingListener listener) override { return session_->OnEnding(std::move(listener)); }
     Registration KeepFresh() override { return session_->KeepFresh(); }
+    void Close() override { session_->Close(); }
     BootClock::time_point Now() const noexcept override { return session_->Now(); }
+    std::function<BootClock::time_point()> TimeSource() const override { return session_->TimeSource(); }
     Registration OnClockJump(std::function<void()> listener) override
     {
         return session_->OnClockJump(std::move(listener));

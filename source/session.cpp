@@ -325,4 +325,9 @@ std::unique_ptr<clientid_t> Session::ClientId() const
     return core_->Inherited() ? nullptr : core_->ClientId();
 }
 
+std::function<BootClock::time_point()> Session::TimeSource() const
+{
+    return &BootClock::now;
+}
+
 }  // namespace kx::velmor

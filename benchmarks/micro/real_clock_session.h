@@ -2,6 +2,7 @@
 
 #include <kx/velmor/election_session.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -20,6 +21,7 @@ public:
     {}
 
     BootClock::time_point Now() const noexcept override { return BootClock::now(); }
+    std::function<BootClock::time_point()> TimeSource() const override { return &BootClock::now; }
     SessionStatus Status() const override
     {
         SessionStatus status = session_->Status();
@@ -38,6 +40,7 @@ public:
             });
     }
 
+    void Close() override { session_->Close(); }
     Registration OnStateChange(StateListener listener) override { return session_->OnStateChange(std::move(listener)); }
     Registration OnEnding(EndingListener listener) override { return session_->OnEnding(std::move(listener)); }
     Registration KeepFresh() override { return session_->KeepFresh(); }

@@ -88,6 +88,11 @@ BootClock::time_point MemorySession::Now() const noexcept
     return record_->service->Now();
 }
 
+std::function<BootClock::time_point()> MemorySession::TimeSource() const
+{
+    return [service = record_->service] { return service->Now(); };
+}
+
 Registration MemorySession::OnClockJump(std::function<void()> listener)
 {
     return record_->made.Inherited() ? Registration() : record_->service->OnClockJump(std::move(listener));

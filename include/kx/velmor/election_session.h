@@ -69,8 +69,20 @@ public:
     virtual int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
                            TransactionResult& result) const = 0;
 
+    /// Ends the session: its ephemeral nodes go, unless no server can be reached; then they stay until the session has
+    /// timed out. Its watch callbacks are dropped, and every operation returns an error code at once from now on. A
+    /// second call does nothing but wait for the first.
+    ///
+    /// Blocks while a callback of the session runs, unless called from one; afterwards no callback runs, except the one
+    /// that called. Threads: any, holding no lock that a watch callback or a state listener takes.
+    virtual void Close() = 0;
+
     /// The time by which `SessionStatus` is measured. Does not block, takes no lock.
     virtual BootClock::time_point Now() const noexcept { return BootClock::now(); }
+
+    /// A function that returns what `Now` returns. It may outlive the session, and does not keep it open. It neither
+    /// blocks nor throws, takes no lock, and may be called from any thread.
+    virtual std::function<BootClock::time_point()> TimeSource() const = 0;
 
     /// Tells `listener` when `Now` has jumped, which only the clock of a session in memory does: it is time to look
     /// again what is due. Cancelling is as above. Does not block.

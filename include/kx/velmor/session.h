@@ -98,7 +98,7 @@ public:
     /// Blocks while a callback runs, unless called from one; afterwards no callback runs, except the one that called.
     /// Takes up to three seconds when a server hangs. Threads: any, holding no lock that a watch callback or a state
     /// listener takes.
-    void Close();
+    void Close() override;
 
     SessionStatus Status() const override;
     /// As `ElectionSession::OnStateChange`. The last call comes before `Close` returns, on the stack of a callback that
@@ -138,6 +138,7 @@ public:
     int TransactIn(std::int64_t sessionId, const std::vector<Operation>& operations,
                    TransactionResult& result) const override;
     std::unique_ptr<clientid_t> ClientId() const override;
+    std::function<BootClock::time_point()> TimeSource() const override;
 
 private:
     explicit Session(std::shared_ptr<SessionCore> core);

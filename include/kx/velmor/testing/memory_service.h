@@ -55,7 +55,7 @@ public:
     ///
     /// Blocks while a callback runs, unless called from one; afterwards no callback runs, except the one that called.
     /// Threads: any, holding no lock that a watch callback or a state listener takes.
-    void Close();
+    void Close() override;
 
     SessionStatus Status() const override;
     Registration OnStateChange(StateListener listener) override;
@@ -87,6 +87,7 @@ public:
 
     /// The service's clock.
     BootClock::time_point Now() const noexcept override;
+    std::function<BootClock::time_point()> TimeSource() const override;
     /// As `ElectionSession::OnClockJump`. Listeners run on the thread of `Advance`, after each of its steps.
     Registration OnClockJump(std::function<void()> listener) override;
 

@@ -48,22 +48,27 @@ const char* ToString(LossReason reason) noexcept
             return "lease ran out";
         case LossReason::Displaced:
             return "displaced";
+        case LossReason::CallbackFailed:
+            return "callback failed";
     }
     return "?";
 }
 
-Leadership::Leadership(std::shared_ptr<CandidateCore> core, std::uint64_t stay, std::int64_t epoch)
-    : core_(std::move(core)), stay_(stay), epoch_(epoch)
+Leadership::Leadership(std::weak_ptr<CandidateCore> core, std::shared_ptr<Lease> lease, std::uint64_t stay,
+                       std::int64_t epoch)
+    : core_(std::move(core)), lease_(std::move(lease)), stay_(stay), epoch_(epoch)
 {}
 
 bool Leadership::Stands() const noexcept
 {
-    return core_->Stands(stay_) && !core_->Inherited();
+    return lease_->Holds(stay_);
 }
 
 GuardedWrite Leadership::Write(const std::vector<Operation>& operations) const
 {
-    return core_->Inherited() ? GuardedWrite{GuardedWrite::Outcome::NotLeading} : core_->Write(stay_, operations);
+    const std::shared_ptr<CandidateCore> core = core_.lock();
+    return core && !core->Inherited() ? core->Write(stay_, operations)
+                                      : GuardedWrite{GuardedWrite::Outcome::NotLeading};
 }
 
 Candidate::Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions options)

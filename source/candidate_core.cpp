@@ -51,6 +51,10 @@ CandidateOptions Checked(CandidateOptions options)
     {
         throw VelmorError("A candidate's identity has more than 1024 bytes");
     }
+    if (options.maxCallbackTime < milliseconds(0))
+    {
+        throw VelmorError("A candidate's maximum callback time must not be negative");
+    }
     return options;
 }
 
@@ -83,8 +87,9 @@ CandidateCore::Access::~Access()
 CandidateCore::CandidateCore(std::shared_ptr<ElectionSession> session, CandidateOptions options)
     : session_(std::move(session)),
       options_(Checked(std::move(options))),
+      electionPath_(ElectionPath(options_.electionPath)),
       signature_(MakeSignature(options_.identity)),
-      lease_(std::make_shared<Lease>([clock = session_.get()] { return clock->Now(); })),
+      lease_(std::make_shared<Lease>(session_->TimeSource())),
       rejoining_(options_.firstRejoinDelay, options_.mostRejoinDelay)
 {}
 
@@ -96,15 +101,6 @@ void CandidateCore::Start()
         return;
     }
     error_.clear();
-    try
-    {
-        electionPath_ = ElectionPath(options_.electionPath);
-    }
-    catch (const VelmorError& error)
-    {
-        Fail(error.what());
-        return;
-    }
     StartThreads();
     wanted_ = true;
     startedAnew_ = true;
@@ -200,19 +196,6 @@ void CandidateCore::ShutDown()
     teller_.Join();
 }
 
-BootClock::duration CandidateCore::LeaseLeft() const noexcept
-{
-    const BootClock::time_point end = lease_->End();
-    // Most candidates do not lead, and the clock takes many times as long to read as the lease.
-    return end == BootClock::time_point() ? BootClock::duration::zero() : end - session_->Now();
-}
-
-bool CandidateCore::Stands(std::uint64_t stay) const noexcept
-{
-    const BootClock::time_point end = lease_->EndOf(stay);
-    return session_->Now() < end;
-}
-
 std::optional<Leadership> CandidateCore::CurrentLeadership()
 {
     const Access access(*this);
@@ -221,7 +204,12 @@ std::optional<Leadership> CandidateCore::CurrentLeadership()
     {
         return std::nullopt;
     }
-    return Leadership(shared_from_this(), stay_.number, stay_.epoch);
+    return PresentLeadership();
+}
+
+Leadership CandidateCore::PresentLeadership()
+{
+    return Leadership(weak_from_this(), lease_, stay_.number, stay_.epoch);
 }
 
 Role CandidateCore::CurrentRole()
@@ -251,7 +239,7 @@ Role CandidateCore::AwaitRole(const Condition& condition, milliseconds timeout)
     {
         NoticeLapse();
         const Clock::time_point now = Clock::now();
-        if (condition(role_) || now >= end)
+        if (condition(role_) || HasGivenUp() || now >= end)
         {
             return role_;
         }
@@ -298,25 +286,23 @@ void CandidateCore::SetRole(Role to, LossReason reason)
     changed_.NotifyAll();
     if (from == Role::Leader && options_.onLeaderLost)
     {
-        teller_.Tell([this, reason] { options_.onLeaderLost(reason); });
+        TellCallback("onLeaderLost", [this, reason] { options_.onLeaderLost(reason); });
     }
     if (from == Role::NextLeader && options_.onNextLeaderLost)
     {
-        teller_.Tell([this] { options_.onNextLeaderLost(); });
+        TellCallback("onNextLeaderLost", [this] { options_.onNextLeaderLost(); });
     }
     if (options_.onRoleChange)
     {
-        teller_.Tell([this, to] { options_.onRoleChange(to); });
+        TellCallback("onRoleChange", [this, to] { options_.onRoleChange(to); });
     }
     if (to == Role::NextLeader && options_.onNextLeader)
     {
-        teller_.Tell([this] { options_.onNextLeader(); });
+        TellCallback("onNextLeader", [this] { options_.onNextLeader(); });
     }
     if (to == Role::Leader && options_.onLeader)
     {
-        teller_.Tell([this, leadership = Leadership(shared_from_this(), stay_.number, stay_.epoch)] {
-            options_.onLeader(leadership);
-        });
+        TellLeader(PresentLeadership());
     }
 }
 
@@ -336,7 +322,12 @@ void CandidateCore::EndStay(LossReason reason)
         return;
     }
     stay_.over = reason;
+    stay_.overSince = session_->Now();
     lease_->Revoke();
+    if (running_)
+    {
+        running_->since = std::min(running_->since, stay_.overSince);
+    }
     if (wanted_ && stay_.joined && !options_.rejoin)
     {
         wanted_ = false;
@@ -354,13 +345,14 @@ void CandidateCore::NoticeLapse()
     }
 }
 
-void CandidateCore::Fail(const std::string& error)
+void CandidateCore::Fail(const std::string& error, LossReason reason)
 {
     Log(LogLevel::Error, "Candidate " + signature_.identity + " of " + options_.electionPath + " gives up: " + error);
     error_ = error;
     wanted_ = false;
-    EndStay(LossReason::Left);
-    SetRole(Role::Stopped, LossReason::Left);
+    EndStay(reason);
+    SetRole(Role::Stopped, reason);
+    changed_.NotifyAll();
 }
 
 void CandidateCore::Log(LogLevel level, const std::string& text)
@@ -372,6 +364,10 @@ milliseconds CandidateCore::KeepWatch()
 {
     const Access access(*this);
     NoticeLapse();
+    if (awaitsCallbacks_)
+    {
+        WakeWorker();
+    }
     if (role_ != Role::Leader)
     {
         return std::chrono::hours(1);

@@ -22,8 +22,7 @@
 
 namespace kx::velmor {
 
-/// What `Candidate` is made of. It outlives the `Candidate` for as long as one of its threads runs, or a `Leadership`
-/// refers to it.
+/// What `Candidate` is made of. It outlives the `Candidate` for as long as one of its threads runs.
 ///
 /// The worker thread does everything that blocks: it joins, claims the lead, looks after its place, and leaves. The
 /// teller runs the user's callbacks and ends a leadership whose lease has run out. What the session's event thread has
@@ -48,8 +47,8 @@ public:
     void Start();
     void Stop();
     bool IsLeader() const noexcept { return LeaseLeft() > BootClock::duration::zero(); }
-    /// Not positive when it does not lead.
-    BootClock::duration LeaseLeft() const noexcept;
+    /// 0 when it does not lead.
+    BootClock::duration LeaseLeft() const noexcept { return lease_->Left(); }
     std::optional<Leadership> CurrentLeadership();
     Role CurrentRole();
     bool WaitForRole(Role role, std::chrono::milliseconds timeout);
@@ -61,9 +60,7 @@ public:
     /// Stops for good, and ends the threads, on which it may be called. Once.
     void ShutDown();
 
-    // See `Leadership`.
-
-    bool Stands(std::uint64_t stay) const noexcept;
+    /// See `Leadership`.
     GuardedWrite Write(std::uint64_t stay, const std::vector<Operation>& operations);
 
 private:
@@ -73,6 +70,8 @@ private:
         /// Counts up; 0 while there is none.
         std::uint64_t number = 0;
         std::int64_t session = 0;
+        std::chrono::milliseconds sessionTimeout{0};
+        BootClock::time_point since{};
 
         // What the queue says.
 
@@ -89,6 +88,7 @@ private:
 
         bool joined = false;
         bool led = false;
+        BootClock::time_point ledSince{};
         std::string node{};
         std::int64_t epoch = 0;
         /// What holds on the servers only while it leads.
@@ -96,6 +96,19 @@ private:
 
         /// Set once it is to be left.
         std::optional<LossReason> over{};
+        BootClock::time_point overSince{};
+        /// It is left without its callbacks, one of which has run for too long.
+        bool abandoned = false;
+    };
+
+    /// A callback that runs.
+    struct RunningCallback
+    {
+        const char* name;
+        /// Its time counts from here; the end of time for `onLeader` while the leadership stands.
+        BootClock::time_point since;
+        /// How many session timeouts of it were reported.
+        std::int64_t reported = 0;
     };
 
     /// Holds `mutex_`, and writes what there is to log when it has let go of it.
@@ -129,18 +142,21 @@ private:
     void StartThreads() KX_REQUIRES(mutex_);
     /// What the teller runs.
     void Tell();
-    /// Once nothing is told any more: what they hold may hold a `Leadership`, and so this.
+    /// Once nothing is told any more. The worker may still be leaving, and hold this.
     void DropCallbacks();
     /// Takes on a role, and has its callbacks run.
     void SetRole(Role to, LossReason reason) KX_REQUIRES(mutex_);
     /// The role by what the queue says; unchanged while the lead is not claimed.
     Role RoleInQueue() const KX_REQUIRES(mutex_);
+    Leadership PresentLeadership() KX_REQUIRES(mutex_);
     /// Ends the present stay, if it is not over already.
     void EndStay(LossReason reason) KX_REQUIRES(mutex_);
     /// Ends it when its lease has run out.
     void NoticeLapse() KX_REQUIRES(mutex_);
-    /// It stops by itself.
-    void Fail(const std::string& error) KX_REQUIRES(mutex_);
+    /// It stops by itself. `reason` is what a leader is told.
+    void Fail(const std::string& error, LossReason reason = LossReason::Left) KX_REQUIRES(mutex_);
+    /// Whether it has stopped by itself, so that its role stays as it is until the next `Start`.
+    bool HasGivenUp() const KX_REQUIRES(mutex_) { return role_ == Role::Stopped && !error_.empty(); }
     void Log(logging::LogLevel level, const std::string& text) KX_REQUIRES(mutex_);
     template <typename Condition>
     Role AwaitRole(const Condition& condition, std::chrono::milliseconds timeout);
@@ -152,10 +168,25 @@ private:
     void OnPosition(std::uint64_t stay, std::size_t position);
     void OnNews(std::uint64_t stay);
 
+    // Callbacks, and those that run for too long: candidate_callbacks.cpp
+
+    /// Has the teller run it, and notes that it runs.
+    void TellCallback(const char* name, Teller::Task callback) KX_REQUIRES(mutex_);
+    /// As above, of `onLeader`.
+    void TellLeader(Leadership leadership) KX_REQUIRES(mutex_);
+    void OnCallback(const char* name, const Teller::Task& callback);
+    /// When to `CheckCallback` because of the one that runs; the end of time when none does.
+    BootClock::time_point CallbackDue() const KX_REQUIRES(mutex_);
+    /// Reports the one that runs, if it is due. One that has run for too long costs the session.
+    void CheckCallback();
+    /// Waits until all have returned, or one has cost the session.
+    void AwaitCallbacks();
+
     // The worker: candidate_worker.cpp
 
     enum class Duty
     {
+        CheckCallback,
         Claim,
         Prepare,
         Look,
@@ -167,8 +198,9 @@ private:
     void TakePart();
     /// The session that is connected, once one is; empty when it is to stop.
     std::optional<std::int64_t> AwaitSession();
-    /// From joining to leaving.
-    void StayInQueue(std::int64_t session);
+    /// From joining to leaving. Returns whether it lasted, so that delays begin with the first again.
+    bool StayInQueue(std::int64_t session);
+    bool HasLasted() KX_REQUIRES(mutex_);
     bool Join(QueuePlace& place);
     /// Nobody can be told any more, the log included: what refers to static objects must not run.
     void EndWithTheProcess();
@@ -200,15 +232,18 @@ private:
     const std::shared_ptr<ElectionSession> session_;
     /// Its callbacks belong to `mutex_`, and while the teller runs they stay as they are.
     CandidateOptions options_;
+    const std::string electionPath_;
     const Signature signature_;
 
-    /// Also held by what the session calls on its own threads, where nothing bigger may go.
+    /// Also held by what the session calls on its own threads, where nothing bigger may go, and by each `Leadership`.
     const std::shared_ptr<Lease> lease_;
     Teller teller_;
 
     // Of the worker alone.
 
     Backoff rejoining_;
+    /// A leadership has ended with `CallbackFailed`, and none has lasted since.
+    bool failsToLead_ = false;
 
     mutable Mutex mutex_;
     /// Notified of every change below.
@@ -218,7 +253,6 @@ private:
     std::string error_ KX_GUARDED_BY(mutex_);
     /// What the servers have refused to take back, until it is taken back.
     std::string leavingError_ KX_GUARDED_BY(mutex_);
-    std::string electionPath_ KX_GUARDED_BY(mutex_);
     /// Started, and neither stopped nor failed since.
     bool wanted_ KX_GUARDED_BY(mutex_) = false;
     /// Started since the worker looked last.
@@ -232,6 +266,9 @@ private:
     bool shutDown_ KX_GUARDED_BY(mutex_) = false;
     std::uint64_t stays_ KX_GUARDED_BY(mutex_) = 0;
     Stay stay_ KX_GUARDED_BY(mutex_);
+    std::optional<RunningCallback> running_ KX_GUARDED_BY(mutex_);
+    /// The worker is to be woken when the teller has run a callback.
+    bool awaitsCallbacks_ KX_GUARDED_BY(mutex_) = false;
     bool tellerStarted_ KX_GUARDED_BY(mutex_) = false;
     std::thread worker_ KX_GUARDED_BY(mutex_);
 };

@@ -95,25 +95,26 @@ void CandidateCore::Work()
 void CandidateCore::TakePart()
 {
     rejoining_.Reset();
+    failsToLead_ = false;
     {
         const MutexLock lock(mutex_);
         startedAnew_ = false;
     }
     while (const std::optional<std::int64_t> session = AwaitSession())
     {
-        const BootClock::time_point joined = session_->Now();
-        StayInQueue(*session);
+        const bool lasted = StayInQueue(*session);
         milliseconds delay{0};
         {
-            const bool lasted = session_->Now() - joined >= SessionTimeout();
             const Access access(*this);
             if (!wanted_)
             {
                 return;
             }
-            if (std::exchange(startedAnew_, false) || lasted)
+            const bool anew = std::exchange(startedAnew_, false);
+            if (anew || lasted)
             {
                 rejoining_.Reset();
+                failsToLead_ = false;
             }
             delay = rejoining_.Next();
             Log(LogLevel::Info, "Candidate " + signature_.identity + " joins " + electionPath_ + " again in " +
@@ -149,22 +150,23 @@ std::optional<std::int64_t> CandidateCore::AwaitSession()
     }
 }
 
-void CandidateCore::StayInQueue(std::int64_t session)
+bool CandidateCore::StayInQueue(std::int64_t session)
 {
     std::uint64_t number = 0;
-    std::string electionPath;
+    const milliseconds timeout = SessionTimeout();
     {
         const MutexLock lock(mutex_);
         if (!wanted_)
         {
-            return;
+            return false;
         }
         number = ++stays_;
         stay_ = Stay{};
         stay_.number = number;
         stay_.session = session;
+        stay_.sessionTimeout = timeout;
+        stay_.since = session_->Now();
         leavingLate_ = false;
-        electionPath = electionPath_;
     }
     // What happened before there was a stay to note it in.
     OnSession();
@@ -178,19 +180,36 @@ void CandidateCore::StayInQueue(std::int64_t session)
             }
         };
     };
-    QueuePlace place(session_, electionPath, session, signature_,
+    QueuePlace place(session_, electionPath_, session, signature_,
                      {tell(&CandidateCore::OnFirst), tell(&CandidateCore::OnSecond), tell(&CandidateCore::OnNews)});
     if (Join(place))
     {
         HoldPlace(place);
     }
     // The next one in line begins when we have left, and so whatever the user has to finish comes first.
-    teller_.AwaitSilence();
+    AwaitCallbacks();
     Leave(place);
     const MutexLock lock(mutex_);
+    const bool lasted = HasLasted();
     stay_ = Stay{};
     leavingLate_ = false;
     leavingError_.clear();
+    return lasted;
+}
+
+bool CandidateCore::HasLasted()
+{
+    if (stay_.over == LossReason::CallbackFailed)
+    {
+        failsToLead_ = true;
+    }
+    if (failsToLead_)
+    {
+        // Time as a follower says nothing about the next attempt to lead.
+        return stay_.led && stay_.over != LossReason::CallbackFailed &&
+               stay_.overSince - stay_.ledSince >= stay_.sessionTimeout;
+    }
+    return session_->Now() - stay_.since >= stay_.sessionTimeout;
 }
 
 bool CandidateCore::Join(QueuePlace& place)
@@ -242,7 +261,11 @@ void CandidateCore::HoldPlace(QueuePlace& place)
             EndWithTheProcess();
             return;
         }
-        if (duty == Duty::Claim)
+        if (duty == Duty::CheckCallback)
+        {
+            CheckCallback();
+        }
+        else if (duty == Duty::Claim)
         {
             leading = true;
             claimAt = Claim(place, freshness);
@@ -281,6 +304,11 @@ CandidateCore::Duty CandidateCore::AwaitDuty(BootClock::time_point claimAt, Boot
             return Duty::Leave;
         }
         const BootClock::time_point now = session_->Now();
+        const BootClock::time_point callbackAt = CallbackDue();
+        if (callbackAt <= now)
+        {
+            return Duty::CheckCallback;
+        }
         const bool claiming = stay_.first && !stay_.led;
         const bool claimDue = claiming && (stay_.news || claimAt <= now);
         if (claimDue || stay_.news || lookAt <= now)
@@ -294,7 +322,7 @@ CandidateCore::Duty CandidateCore::AwaitDuty(BootClock::time_point claimAt, Boot
             stay_.prepareAt = BootClock::time_point::max();
             return Duty::Prepare;
         }
-        AwaitNews(std::min(claiming ? std::min(claimAt, lookAt) : lookAt, prepareAt));
+        AwaitNews(std::min({claiming ? claimAt : lookAt, lookAt, prepareAt, callbackAt}));
     }
 }
 
@@ -357,6 +385,7 @@ bool CandidateCore::Lead(const QueuePlace& place)
         return false;
     }
     stay_.led = true;
+    stay_.ledSince = session_->Now();
     stay_.guards = place.Guards();
     SetRole(Role::Leader, LossReason::Left);
     teller_.Wake();

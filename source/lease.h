@@ -21,7 +21,7 @@ class Lease
 public:
     using Now = std::function<BootClock::time_point()>;
 
-    /// `now` must not block.
+    /// `now` must neither block nor throw.
     explicit Lease(Now now) : now_(std::move(now)) {}
 
     /// From now on `leadership` has the lease, until `end` as far as the caller knows. False, with no lease to any
@@ -38,17 +38,24 @@ public:
     void EndSession(std::int64_t session);
     bool SessionEnded(std::int64_t session) const;
 
-    /// Nobody has it once the clock shows this. The clock must be read after this call: a process may be stopped
-    /// between the two for any length of time.
-    BootClock::time_point End() const noexcept { return BootClock::time_point(BootClock::duration(end_)); }
+    /// How much longer it lasts unless it is extended; 0 when no leadership has it. Once this was 0, or `Holds` false,
+    /// within a leadership, it stays so on every thread until the next `Grant`. Lock-free.
+    BootClock::duration Left() noexcept;
 
-    /// As `End`, for one leadership.
-    BootClock::time_point EndOf(std::uint64_t leadership) const noexcept;
+    /// Whether `leadership` has it. Lock-free.
+    bool Holds(std::uint64_t leadership) noexcept;
+
+    /// When it ends as far as is known; the beginning of the clock when it is over.
+    BootClock::time_point End() const noexcept { return BootClock::time_point(BootClock::duration(end_)); }
 
 private:
     void Set(BootClock::time_point end) KX_REQUIRES(mutex_) { end_ = end.time_since_epoch().count(); }
 
-    /// Since the machine was started; 0 for no lease.
+    /// False, with nothing changed, when the end is another than `from` by now.
+    bool Replace(BootClock::time_point from, BootClock::time_point to) noexcept;
+
+    /// Since the machine was started; 0 for no lease. `mutex_` is held for each change but one: a reader that finds the
+    /// lease over takes the end that it has seen back to 0.
     std::atomic<BootClock::rep> end_{0};
     /// Changes only while there is no lease.
     std::atomic<std::uint64_t> leadership_{0};

@@ -95,6 +95,12 @@ void Teller::Wake()
     changed_.NotifyAll();
 }
 
+bool Teller::Silent() const
+{
+    const MutexLock lock(mutex_);
+    return tasks_.empty() && !running_;
+}
+
 void Teller::AwaitSilence()
 {
     const MutexLock lock(mutex_);

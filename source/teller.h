@@ -39,7 +39,10 @@ public:
     /// The watchman has to look now. Does not block, beyond the queue's own lock.
     void Wake();
 
-    /// Waits until all tasks have run. Not for the thread of `Start`.
+    /// Whether all tasks have run.
+    bool Silent() const;
+
+    /// Waits for that. Not for the thread of `Start`.
     void AwaitSilence();
 
     void Finish();

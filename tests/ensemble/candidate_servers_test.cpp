@@ -439,5 +439,35 @@ TEST_F(CandidateServersTest, ManyComeAndGoAndOneLeadsAtATime)
     }
 }
 
+TEST_F(CandidateServersTest, HandoverThatHangsCostsTheSessionAndTheNextOneLeads)
+{
+    SessionOptions options = Options();
+    options.servers = server_->Address();
+    options.sessionTimeout = sessionTimeout_;
+    const std::shared_ptr<Session> session = Session::Open(options);
+    std::promise<void> finish;
+    CandidateOptions with;
+    with.electionPath = "/election";
+    with.maxCallbackTime = milliseconds(200);
+    with.onLeaderLost = [finished = finish.get_future().share()](LossReason) { finished.wait_for(4 * kPatience); };
+    Candidate first(session, with);
+    first.Start();
+    ASSERT_TRUE(first.WaitForRole(Role::Leader, kPatience));
+    Member second = Make("second", false);
+    second->Start();
+    ASSERT_TRUE(second->WaitForRole(Role::NextLeader, kPatience));
+
+    auto stopped = std::async(std::launch::async, [&] { first.Stop(); });
+
+    EXPECT_TRUE(second->WaitForRole(Role::Leader, kPatience));
+    // Not by waiting for the servers to end it.
+    EXPECT_EQ(session->Status().state, SessionState::Closed);
+    EXPECT_EQ(first.CurrentRole(), Role::Stopped);
+    EXPECT_NE(first.Error(), "");
+    AwaitWhole(1);
+    finish.set_value();
+    stopped.get();
+}
+
 }  // namespace
 }  // namespace kx::velmor::testing_support

@@ -6,6 +6,7 @@
 #include <kx/velmor/participants.h>
 
 #include <future>
+#include <optional>
 
 namespace kx::velmor::testing_support {
 namespace {
@@ -282,6 +283,30 @@ TEST_F(CandidateFencingTest, ParticipantsAreToldInTheOrderOfTheQueue)
     EXPECT_EQ(all[2].identity, "third");
     EXPECT_GE(all[2].age, milliseconds(0));
     EXPECT_EQ(LeaderIdentity(*watcher, "/election"), "first one");
+}
+
+TEST_F(CandidateFencingTest, LeadershipThatIsKeptKeepsNoSessionOpen)
+{
+    std::optional<Leadership> kept;
+    {
+        testing::MemoryService service;
+        std::shared_ptr<testing::MemorySession> session = service.Open();
+        const std::weak_ptr<testing::MemorySession> weak = session;
+        CandidateOptions options;
+        options.electionPath = "/election";
+        {
+            Candidate candidate(session, options);
+            candidate.Start();
+            ASSERT_TRUE(candidate.WaitForRole(Role::Leader, kPatience));
+            kept = candidate.CurrentLeadership();
+            EXPECT_TRUE(kept->Stands());
+        }
+        session = nullptr;
+        Await("the end of the session", [&] { return weak.expired(); });
+        EXPECT_FALSE(kept->Stands());
+        EXPECT_EQ(kept->Write({Operation::Check("/election")}).outcome, Outcome::NotLeading);
+    }
+    EXPECT_FALSE(kept->Stands());
 }
 
 TEST_F(CandidateFencingTest, ParticipantsThatDoNotSayWhoTheyAreAreToldAllTheSame)

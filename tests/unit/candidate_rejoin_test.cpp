@@ -11,7 +11,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 class CandidateRejoinTest : public MemberTest
@@ -162,18 +161,6 @@ TEST_F(CandidateRejoinTest, WhatCanNeverSucceedStopsIt)
 
         ours.Become(Role::Leader);
         EXPECT_EQ(ours->Error(), "");
-    }
-}
-
-TEST_F(CandidateRejoinTest, PathThatNamesNoNodeStopsItAtOnce)
-{
-    for (const char* const path : {"", "/", "/a/../b"})
-    {
-        Member ours(service_, "ours", [path](CandidateOptions& options) { options.electionPath = path; });
-        ours->Start();
-        EXPECT_EQ(ours->CurrentRole(), Role::Stopped);
-        EXPECT_NE(ours->Error(), "");
-        EXPECT_THAT(ours.Lines(), IsEmpty());
     }
 }
 

@@ -8,7 +8,6 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <thread>
 
 namespace kx::velmor::testing_support {
@@ -19,7 +18,8 @@ using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
+using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
 
 class CandidateTest : public MemberTest
 {};
@@ -310,17 +310,21 @@ TEST_F(CandidateTest, WaitsForRolesAndChanges)
     EXPECT_NE(changing.get(), Role::Stopped);
 }
 
-TEST_F(CandidateTest, CallbackThatThrowsIsReportedAndHoldsUpNobody)
+TEST_F(CandidateTest, WaitsForNoRoleOfOneThatHasGivenUp)
 {
-    Member ours(service_, "ours", [](CandidateOptions& options) {
-        options.onLeader = [](const Leadership&) { throw std::runtime_error("no disk"); };
-        options.onLeaderLost = [](LossReason) { throw 1; };
-    });
-    ours.Become(Role::Leader);
-    ours->Stop();
-    EXPECT_TRUE(Logged("A candidate's callback threw: no disk"));
-    EXPECT_TRUE(Logged("A candidate's callback threw something that is no std::exception"));
-    ExpectNobody();
+    Member ours(service_, "ours", [](CandidateOptions& options) { options.rejoin = false; });
+    service_.Cut(ours.Session());
+    ours->Start();
+    const auto begin = std::chrono::steady_clock::now();
+    auto waiting = std::async(std::launch::async, [&] { return ours->WaitForRole(Role::Leader, 2 * kPatience); });
+    ours.Session().Close();
+    EXPECT_FALSE(waiting.get());
+    EXPECT_EQ(ours->Error(), "the session is closed");
+
+    EXPECT_FALSE(ours->WaitForRole(Role::Leader, 2 * kPatience));
+    EXPECT_EQ(ours->WaitForChange(Role::Stopped, 2 * kPatience), Role::Stopped);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 2 * kPatience);
+    EXPECT_TRUE(ours->WaitForRole(Role::Stopped, milliseconds(0)));
 }
 
 TEST_F(CandidateTest, RefusesOptionsThatMakeNoSense)
@@ -330,6 +334,16 @@ TEST_F(CandidateTest, RefusesOptionsThatMakeNoSense)
     EXPECT_THROW(with([](CandidateOptions& options) { options.mostRejoinDelay = milliseconds(1); }), VelmorError);
     EXPECT_THROW(with([](CandidateOptions& options) { options.identity = std::string(1'025, 'x'); }), VelmorError);
     EXPECT_NO_THROW(with([](CandidateOptions& options) { options.identity = std::string(1'024, 'x'); }));
+}
+
+TEST_F(CandidateTest, RefusesAPathThatNamesNoNode)
+{
+    for (const char* const path : {"", "/", "/a/../b"})
+    {
+        const std::string message = std::string("Invalid path \"") + path + "\": ";
+        EXPECT_THAT([&] { Member(service_, "ours", [&](CandidateOptions& options) { options.electionPath = path; }); },
+                    ThrowsMessage<VelmorError>(StartsWith(message)));
+    }
 }
 
 TEST_F(CandidateTest, SaysWhichHostAndProcessItIsUnlessTold)

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
+#include <utility>
 
 namespace kx::velmor {
 namespace {
@@ -31,21 +33,41 @@ protected:
     }
 
     std::atomic<int> now_{0};
-    Lease lease_{[this] { return At(now_); }};
+    /// Runs when the clock has been read the next time, before the reader has the result.
+    std::function<void()> afterClock_;
+    /// As above, each time.
+    std::function<void()> afterEachClock_;
+    Lease lease_{[this] {
+        const BootClock::time_point now = At(now_);
+        if (afterEachClock_)
+        {
+            afterEachClock_();
+        }
+        else if (const auto run = std::exchange(afterClock_, nullptr))
+        {
+            run();
+        }
+        return now;
+    }};
 };
 
 TEST_F(LeaseTest, NobodyHasOneToBeginWith)
 {
     EXPECT_LE(lease_.End(), At(0));
-    EXPECT_LE(lease_.EndOf(0), At(0));
+    EXPECT_EQ(lease_.Left(), milliseconds(0));
+    EXPECT_FALSE(lease_.Holds(0));
 }
 
 TEST_F(LeaseTest, LastsUntilTheEndOfItsSessionsLease)
 {
     EXPECT_TRUE(Grant(1, 1'600, 1'599));
     EXPECT_EQ(lease_.End(), At(1'600));
-    EXPECT_EQ(lease_.EndOf(1), At(1'600));
-    EXPECT_LE(lease_.EndOf(2), At(0));
+    EXPECT_EQ(lease_.Left(), milliseconds(1));
+    EXPECT_TRUE(lease_.Holds(1));
+    EXPECT_FALSE(lease_.Holds(2));
+    now_ = 1'600;
+    EXPECT_EQ(lease_.Left(), milliseconds(0));
+    EXPECT_FALSE(lease_.Holds(1));
 }
 
 TEST_F(LeaseTest, IsNotGrantedOnceItIsOver)
@@ -100,7 +122,7 @@ TEST_F(LeaseTest, StaysOverOnceItIsRevoked)
     lease_.Revoke();
     Update(7, 2'100, 1'510);
     EXPECT_LE(lease_.End(), At(0));
-    EXPECT_LE(lease_.EndOf(1), At(0));
+    EXPECT_FALSE(lease_.Holds(1));
 }
 
 TEST_F(LeaseTest, EndsWithItsSessionForGood)
@@ -115,26 +137,101 @@ TEST_F(LeaseTest, EndsWithItsSessionForGood)
     EXPECT_FALSE(Grant(2, 1'700, 1'100));
 }
 
-TEST_F(LeaseTest, IsNeverSeenUnderTheWrongLeadership)
+TEST_F(LeaseTest, StaysOverOnceItsEndWasSeenDuringAnExtension)
+{
+    Grant(1, 1'600, 1'599);
+    // The extension has read the clock when time passes and a reader asks.
+    afterClock_ = [this] {
+        now_ = 1'600;
+        EXPECT_EQ(lease_.Left(), milliseconds(0));
+    };
+    Update(7, 2'190, 1'599);
+    EXPECT_EQ(lease_.Left(), milliseconds(0));
+    EXPECT_FALSE(lease_.Holds(1));
+    Update(7, 2'200, 1'600);
+    EXPECT_FALSE(lease_.Holds(1));
+}
+
+TEST_F(LeaseTest, IsNotSeenToEndByAReaderThatAnExtensionOvertakes)
+{
+    Grant(1, 1'600, 1'599);
+    now_ = 1'600;
+    // The reader has read the end and the clock when the extension comes, which has read the clock before.
+    afterClock_ = [this] { Update(7, 2'190, 1'599); };
+    EXPECT_EQ(lease_.Left(), milliseconds(591));
+    now_ = 1'600;
+    EXPECT_TRUE(lease_.Holds(1));
+}
+
+TEST_F(LeaseTest, DoesNotComeBackWithinALeadershipHoweverReadersAndExtensionsMeet)
 {
     std::atomic<bool> stop{false};
-    std::atomic<int> wrong{0};
     std::atomic<std::uint64_t> present{0};
-    // Those with odd numbers end at 1'600, those with even ones at 2'600. Numbers do not come again.
+    std::atomic<std::uint64_t> extended{0};
+    std::atomic<int> cameBack{0};
+    afterEachClock_ = [] { std::this_thread::yield(); };
     std::thread reader([&] {
         while (!stop)
         {
             const std::uint64_t leadership = present;
-            const BootClock::time_point end = lease_.EndOf(leadership);
-            wrong += end > At(0) && end != At(leadership % 2 == 1 ? 1'600 : 2'600);
+            const bool before = lease_.Left() > milliseconds(0);
+            const bool after = lease_.Left() > milliseconds(0);
+            cameBack += leadership != 0 && leadership == present && !before && after;
         }
     });
-    for (std::uint64_t leadership = 1; leadership <= 40'000; ++leadership)
+    std::thread extender([&] {
+        while (!stop)
+        {
+            const std::uint64_t leadership = present;
+            if (leadership != extended && leadership != 0)
+            {
+                lease_.Update(7, At(2'190));
+                extended = leadership;
+            }
+            std::this_thread::yield();
+        }
+    });
+    for (std::uint64_t leadership = 1; leadership <= 20'000; ++leadership)
     {
+        EXPECT_TRUE(Grant(leadership, 1'600, 1'599));
         present = leadership;
-        const int end = leadership % 2 == 1 ? 1'600 : 2'600;
-        EXPECT_TRUE(Grant(leadership, end, end - 600));
+        std::this_thread::yield();
+        now_ = 1'600;
+        while (extended != leadership)
+        {
+            std::this_thread::yield();
+        }
+        present = 0;
         lease_.Revoke();
+    }
+    stop = true;
+    reader.join();
+    extender.join();
+    EXPECT_EQ(cameBack, 0);
+}
+
+TEST_F(LeaseTest, IsNeverSeenUnderTheWrongLeadership)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    std::atomic<std::uint64_t> former{0};
+    std::thread reader([&] {
+        while (!stop)
+        {
+            wrong += lease_.Holds(former);
+        }
+    });
+    for (std::uint64_t leadership = 1; leadership <= 400'000; ++leadership)
+    {
+        EXPECT_TRUE(Grant(leadership, 1'600, 1'000));
+        EXPECT_TRUE(lease_.Holds(leadership));
+        lease_.Revoke();
+        former = leadership;
+        // The next one begins sooner or later after the reader has seen the number.
+        for (std::uint64_t spins = leadership % 64; spins > 0; --spins)
+        {
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        }
     }
     stop = true;
     reader.join();

@@ -15,6 +15,7 @@ namespace kx::velmor {
 
 class CandidateCore;
 class ElectionSession;
+class Lease;
 
 /// Where a candidate stands.
 enum class Role
@@ -47,9 +48,11 @@ enum class LossReason
     LeaseRanOut,
     /// Another node of the election path came to stand ahead of its own.
     Displaced,
+    /// `onLeader` threw.
+    CallbackFailed,
 };
 
-/// "left", "session expired", "node deleted", "lease ran out", "displaced".
+/// "left", "session expired", "node deleted", "lease ran out", "displaced", "callback failed".
 const char* ToString(LossReason reason) noexcept;
 
 /// What became of a guarded write.
@@ -84,7 +87,8 @@ struct GuardedWrite
 /// One leadership of one candidate, from its gain to its loss. A leadership that is lost does not come back: the next
 /// one has another epoch.
 ///
-/// A handle, cheap to copy. May outlive its candidate. Threads: any.
+/// A handle, cheap to copy. May outlive its candidate and its session, and keeps neither alive: once they are gone it
+/// does not stand, and `Write` returns `NotLeading`. Threads: any.
 class Leadership
 {
 public:
@@ -104,9 +108,10 @@ public:
 
 private:
     friend class CandidateCore;
-    Leadership(std::shared_ptr<CandidateCore> core, std::uint64_t stay, std::int64_t epoch);
+    Leadership(std::weak_ptr<CandidateCore> core, std::shared_ptr<Lease> lease, std::uint64_t stay, std::int64_t epoch);
 
-    std::shared_ptr<CandidateCore> core_;
+    std::weak_ptr<CandidateCore> core_;
+    std::shared_ptr<Lease> lease_;
     std::uint64_t stay_;
     std::int64_t epoch_;
 };
@@ -115,12 +120,20 @@ private:
 ///
 /// The callbacks, each of which may be empty, run one after the other, in the order of what they tell, on a thread of
 /// the candidate's own and with no lock held. They may take their time and call anything. Until they have returned the
-/// candidate does not join again, and the next in line is not let in. What they throw is logged. A child that is forked
-/// in a callback must end there, by `exec` or `_exit`; if it returns from the callback, it exits with `EXIT_FAILURE`.
+/// candidate does not join again, and the next in line is not let in. A callback that runs for longer than a session
+/// timeout is logged as a warning, and again after each further one. The time of `onLeader`, which may work for as long
+/// as its leadership stands, counts from the end of the leadership.
+///
+/// What they throw is logged. When `onLeader` throws, the candidate also gives up that leadership, with
+/// `LossReason::CallbackFailed`, and queues up again; the delays before that grow until a leadership has lasted for a
+/// session timeout and has not ended so.
+///
+/// A child that is forked in a callback must end there, by `exec` or `_exit`. If it returns from the callback, it exits
+/// with `EXIT_FAILURE`.
 struct CandidateOptions
 {
     /// Where the election takes place, as in "/services/billing/leader". Candidates of one election use one path, and
-    /// nobody else creates nodes there, nor in its sibling with "-identities" behind its name.
+    /// nobody else creates nodes there, nor in its sibling with "-identities" behind its name. Must name a node.
     std::string electionPath;
 
     /// The candidate leads. Once per leadership.
@@ -142,6 +155,12 @@ struct CandidateOptions
     /// that failed, and at most the second. Both must be positive.
     std::chrono::milliseconds firstRejoinDelay{100};
     std::chrono::milliseconds mostRejoinDelay{10'000};
+    /// When a callback has run for this long, the candidate gives up, and closes its session for all who share it, so
+    /// that the next leader need not wait for the callback. The session's clock counts, and the time of `onLeader`
+    /// counts as above. 0: a callback may run for ever. Must not be negative.
+    ///
+    /// The callback runs on meanwhile, beside the next leader: what it does must be fenced.
+    std::chrono::milliseconds maxCallbackTime{0};
 };
 
 /// One participant in a leader election, which joins, joins again when it has fallen out, and leads when its turn
@@ -155,25 +174,29 @@ struct CandidateOptions
 /// `CurrentRole` is `Stopped`, `Error` says why, and `Start` does nothing. All functions and the destructor return at
 /// once, take no lock and call no server; the destructor leaks what the candidate consists of. The parent's candidate
 /// goes on as before. The child may make sessions and candidates of its own. A child that shares the memory of its
-/// parent
-/// (`vfork`, `CLONE_VM`) cannot be told from it and must not use either.
+/// parent (`vfork`, `CLONE_VM`) cannot be told from it and must not use either.
 ///
 /// Threads: two of its own from the first `Start` on. All functions may be called from any thread, callbacks included.
 class Candidate
 {
 public:
-    /// Makes no call to the service, and starts nothing. `session` must not be null.
+    /// Makes no call to the service, and starts nothing. `session` must not be null. Throws `VelmorError` for a path
+    /// that names no node, and for other options that make no sense.
     Candidate(std::shared_ptr<ElectionSession> session, CandidateOptions options);
 
     /// Leaves the election, as `Stop` does. When the servers refuse to delete its nodes, it does not try again: they go
     /// with the session.
+    ///
+    /// In a callback of this candidate it does not block, and callbacks that are due come after it: `onLeaderLost` when
+    /// the candidate leads, `onNextLeaderLost` when it is next, and `onRoleChange`. What they refer to must still be
+    /// there then.
     ~Candidate();
 
     Candidate(const Candidate&) = delete;
     Candidate& operator=(const Candidate&) = delete;
 
     /// Takes part from now on: joins as soon as a server is reachable. Does nothing on a candidate that takes part.
-    /// What can never succeed (a path that names no node, no permission, a candidate that a forked child has from its
+    /// What can never succeed (no permission, a session that is closed, a candidate that a forked child has from its
     /// parent) ends in `Stopped`, with `Error` saying why. When `Stop` could not delete the nodes of the place before,
     /// they are deleted first.
     ///
@@ -205,11 +228,12 @@ public:
     /// The role now. `Leader` exactly when `IsLeader`. Callbacks may be late to tell.
     Role CurrentRole() const;
 
-    /// Waits until the role is this one; false when it was not within `timeout`. In a callback of this candidate it
-    /// waits like everywhere else.
+    /// Waits until the role is this one; false when it was not within `timeout`, and at once when the candidate has
+    /// stopped by itself: `Error` says why. In a callback of this candidate it waits like everywhere else.
     bool WaitForRole(Role role, std::chrono::milliseconds timeout) const;
 
-    /// Waits until the role is another than `from`, and returns it; `from` when it was not within `timeout`.
+    /// Waits until the role is another than `from`, and returns it; `from` when it was not within `timeout`, and at
+    /// once when that is `Stopped` and the candidate has stopped by itself.
     Role WaitForChange(Role from, std::chrono::milliseconds timeout) const;
 
     /// The name of its node, as in "c-0000000042"; empty while it has no place in the queue.

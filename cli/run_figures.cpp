@@ -13,8 +13,8 @@ namespace {
 constexpr std::array kRoles{Role::Stopped, Role::Joining, Role::Follower, Role::NextLeader, Role::Leader};
 constexpr std::array kStates{SessionState::Connecting, SessionState::Connected, SessionState::Suspended,
                              SessionState::Expired, SessionState::Closed};
-constexpr std::array kReasons{LossReason::Left, LossReason::SessionExpired, LossReason::NodeDeleted,
-                              LossReason::LeaseRanOut, LossReason::Displaced};
+constexpr std::array kReasons{LossReason::Left,        LossReason::SessionExpired, LossReason::NodeDeleted,
+                              LossReason::LeaseRanOut, LossReason::Displaced,      LossReason::CallbackFailed};
 
 /// From a tenth of a millisecond, which is a server on the same machine, to the order of session timeouts.
 const prometheus::Histogram::BucketBoundaries kCheckSeconds{0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025,

@@ -40,7 +40,7 @@ private:
     prometheus::Registry registry_;
     Family<prometheus::Gauge, 5> roles_;
     Family<prometheus::Gauge, 5> sessionStates_;
-    Family<prometheus::Counter, 5> losses_;
+    Family<prometheus::Counter, 6> losses_;
     prometheus::Counter& handovers_;
     prometheus::Counter& commands_;
     prometheus::Gauge& epoch_;

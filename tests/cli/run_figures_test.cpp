@@ -68,7 +68,8 @@ TEST(RunFigures, JsonTellsHowALeaderStands)
         "election": "/services/billing", "identity": "alpha", "role": "leader", "node": "c-0000000042",
         "epoch": 4294967301, "lease_left_ms": 6500, "queue_length": 3, "command_pid": 4711, "handovers": 2,
         "session": {"state": "connected", "id": "0x100003e8f2a0001", "timeout_ms": 10000},
-        "losses": {"left": 0, "session expired": 0, "node deleted": 0, "lease ran out": 1, "displaced": 0}})"));
+        "losses": {"left": 0, "session expired": 0, "node deleted": 0, "lease ran out": 1, "displaced": 0,
+                   "callback failed": 0}})"));
 }
 
 TEST(RunFigures, JsonHasNothingForWhatIsNotThere)

@@ -5,13 +5,16 @@
 #include "source/candidate_impl.h"
 
 #include <kx/velmor/candidate.h>
+#include <kx/velmor/observer.h>
 #include <kx/velmor/participants.h>
 #include <kx/velmor/session.h>
 
 #include <chrono>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace kx::velmor {
 
@@ -19,6 +22,8 @@ namespace kx::velmor {
 constexpr std::chrono::milliseconds margin{500};
 
 void WriteOneReport();
+
+void SendRequestsTo(const std::string& address);
 
 class Cache
 {

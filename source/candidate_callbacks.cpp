@@ -1,6 +1,7 @@
 // The user's callbacks as they run, and what becomes of those that run for too long.
 
 #include "source/candidate_core.h"
+#include "source/exit_gate.h"
 
 #include <algorithm>
 #include <utility>
@@ -126,6 +127,11 @@ void CandidateCore::AwaitCallbacks()
             {
                 return;
             }
+        }
+        const ExitGate::Pass pass;
+        if (!pass)
+        {
+            return;
         }
         CheckCallback();
     }

@@ -306,9 +306,9 @@ TEST_F(CandidateCallbacksTest, HandoverThatHangsForTooLongCostsTheSession)
 
     barrier.Open();
     first.Await("role stopped");
-    // It cannot take part again in this session.
+    // It cannot take part again in this session; after a pause when it is still about to leave.
     first->Start();
-    Await("the refusal", [&] { return first->Error() == "the session is closed"; });
+    AdvanceUntil("the refusal", [&] { return first->Error() == "the session is closed"; });
 }
 
 TEST_F(CandidateCallbacksTest, LeaderIsHeldUpByAnEarlierCallbackForSoLongOnly)

@@ -48,7 +48,7 @@ std::string ClassPath()
 class ZooKeeperServer::Impl
 {
 public:
-    explicit Impl(ServerOptions options) : options_(options) {}
+    explicit Impl(ServerOptions options) : options_(std::move(options)) {}
 
     std::filesystem::path DataDirectory() const { return directory_.Path() / "data"; }
     std::filesystem::path LogFile() const { return directory_.Path() / "server.log"; }
@@ -69,7 +69,7 @@ public:
              << "forceSync=" << (options_.forceSync ? "yes" : "no") << '\n';
         if (!peers_.empty())
         {
-            file << "initLimit=50\nsyncLimit=20\n";
+            file << "initLimit=50\nsyncLimit=" << options_.syncLimit << '\n';
             for (std::size_t i = 0; i < peers_.size(); ++i)
             {
                 file << "server." << i + 1 << "=127.0.0.1:" << peers_[i].quorumPort << ':' << peers_[i].electionPort
@@ -100,6 +100,10 @@ public:
         if (const std::optional<std::string> classes = ClassesOption())
         {
             options.command.push_back(*classes);
+        }
+        for (const std::string& property : options_.properties)
+        {
+            options.command.push_back("-D" + property);
         }
         const std::string main = peers_.empty() ? "org.apache.zookeeper.server.ZooKeeperServerMain"
                                                 : "org.apache.zookeeper.server.quorum.QuorumPeerMain";
@@ -168,7 +172,7 @@ public:
         return answer && answer->find(DataDirectory().string()) != std::string::npos;
     }
 
-    const ServerOptions options_;
+    ServerOptions options_;
     const TemporaryDirectory directory_;
     std::uint16_t port_ = options_.port != 0 ? options_.port : ChooseFreePort();
     std::size_t position_ = 0;
@@ -181,7 +185,7 @@ public:
     std::optional<process::ChildProcess> process_;
 };
 
-ZooKeeperServer::ZooKeeperServer(ServerOptions options) : impl_(std::make_unique<Impl>(options)) {}
+ZooKeeperServer::ZooKeeperServer(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
 
 ZooKeeperServer::~ZooKeeperServer() = default;
 
@@ -250,6 +254,11 @@ void ZooKeeperServer::WipeData()
         throw std::runtime_error("the server is running, cannot wipe its data");
     }
     std::filesystem::remove_all(impl_->DataDirectory());
+}
+
+void ZooKeeperServer::SetMaxSessionTimeout(std::chrono::milliseconds limit)
+{
+    impl_->options_.maxSessionTimeout = limit;
 }
 
 void ZooKeeperServer::AddNode(const std::string& path, std::int32_t counter)

@@ -20,6 +20,10 @@ struct ServerOptions
     std::chrono::milliseconds tickTime{100};
     /// Session timeouts above this are cut down to it.
     std::chrono::milliseconds maxSessionTimeout{60'000};
+    /// After how many ticks of silence a follower and its ensemble's leader give each other up.
+    int syncLimit = 20;
+    /// System properties of the server, as in "zookeeper.enableEagerACLCheck=true".
+    std::vector<std::string> properties{};
     /// The port to begin with; 0 for one that is free now.
     std::uint16_t port = 0;
     /// Whether writes are on the disk before they are answered.
@@ -76,6 +80,9 @@ public:
     void Continue();
     /// Forgets all nodes and sessions. Only while the server is not running.
     void WipeData();
+    /// Cuts session timeouts down to another limit from the next start on. A session that reconnects then is granted a
+    /// timeout anew.
+    void SetMaxSessionTimeout(std::chrono::milliseconds limit);
     /// Adds a plain node to the server's tree whose parent, which must exist, numbers its next sequential child with
     /// `counter`. Once, and only while the server is not running; not for a member of an ensemble.
     void AddNode(const std::string& path, std::int32_t counter);

@@ -222,6 +222,25 @@ void CheckTold(const History& history, const Bounds& bounds, CandidateReport& re
     report.leaderships = leaders.size();
 }
 
+/// A forked child does not lead, also while its parent does.
+void CheckForkedChildren(const History& history, CandidateReport& report, std::vector<Violation>& violations)
+{
+    for (const Member& member : history.members)
+    {
+        for (const ForkedChild& child : member.children)
+        {
+            ++report.forkedChildren;
+            if (child.led)
+            {
+                violations.push_back({"fork",
+                                      "a forked child of " + member.name + " leads, for " +
+                                          std::to_string(Length(*child.led).count()) + " us at least",
+                                      child.led->begin});
+            }
+        }
+    }
+}
+
 Leaderless CheckLeaderless(const History& history, const Bounds& bounds, const std::vector<Claim>& claims,
                            std::vector<Violation>& violations)
 {
@@ -270,6 +289,7 @@ CandidateReport CheckCandidates(const History& history, const Bounds& bounds, st
     CheckEpochs(claims, violations);
     CheckNotices(history, report, violations);
     CheckTold(history, bounds, report, violations);
+    CheckForkedChildren(history, report, violations);
     return report;
 }
 

@@ -286,6 +286,20 @@ TEST_F(ChaosCandidateChecks, FindAnIdentityThatBelongsToNobody)
     EXPECT_THAT(FirstText(), HasSubstr("leader"));
 }
 
+TEST_F(ChaosCandidateChecks, FindAForkedChildThatLeads)
+{
+    Of(0).children.push_back({77, 10s});
+    EXPECT_THAT(Rules(), IsEmpty());
+    EXPECT_EQ(report_.candidates->forkedChildren, 1U);
+    EXPECT_THAT(Summary(history_.Get(), report_), HasSubstr("1 forked children"));
+    // Though its parent leads then.
+    Of(0).children.push_back({78, 20s, Interval{20s, 20'300us}});
+    EXPECT_THAT(Rules(), ElementsAre("fork"));
+    EXPECT_EQ(report_.violations.at(0).at, 20s);
+    EXPECT_THAT(FirstText(), HasSubstr("a forked child of m1 leads"));
+    EXPECT_EQ(report_.candidates->forkedChildren, 2U);
+}
+
 TEST_F(ChaosCandidateChecks, TellTheirFiguresToPeopleAndPrograms)
 {
     Rules();
@@ -294,6 +308,7 @@ TEST_F(ChaosCandidateChecks, TellTheirFiguresToPeopleAndPrograms)
     EXPECT_EQ(json.at("with"), "candidate");
     EXPECT_EQ(json.at("candidates").at("successions"), 1);
     EXPECT_EQ(json.at("candidates").at("losses").at("left"), 2);
+    EXPECT_EQ(json.at("candidates").at("forked_children"), 0);
     EXPECT_EQ(json.count("by_flag"), 0U);
 }
 

@@ -1,5 +1,6 @@
 #include "tests/chaos/candidate_member.h"
 
+#include "tests/chaos/forked_observer.h"
 #include "tests/chaos/sampler.h"
 
 #include <chrono>
@@ -35,7 +36,7 @@ std::string InHistory(Role role)
 }  // namespace
 
 CandidateMember::CandidateMember(const MemberOptions& options, std::shared_ptr<Session> session, MemberLog& log)
-    : session_(std::move(session)), log_(log), candidate_(session_, Options(options))
+    : options_(options), session_(std::move(session)), log_(log), candidate_(session_, Options(options))
 {}
 
 CandidateOptions CandidateMember::Options(const MemberOptions& options)
@@ -73,6 +74,7 @@ void CandidateMember::Run()
         TakePart();
     }
     session_->Close();
+    AwaitObservers();
 }
 
 void CandidateMember::TakePart()
@@ -82,17 +84,20 @@ void CandidateMember::TakePart()
     for (;;)
     {
         const Request request = AwaitRequest(kLook);
-        if (request != Request::None)
+        switch (request)
         {
-            candidate_.Stop();
-        }
-        if (request == Request::Leave)
-        {
-            return;
-        }
-        if (request == Request::LeaveAndJoinAgain)
-        {
-            candidate_.Start();
+            case Request::None:
+                break;
+            case Request::Leave:
+                candidate_.Stop();
+                return;
+            case Request::LeaveAndJoinAgain:
+                candidate_.Stop();
+                candidate_.Start();
+                break;
+            case Request::Fork:
+                Fork();
+                break;
         }
         if (const std::string error = candidate_.Error(); !error.empty())
         {
@@ -104,6 +109,13 @@ void CandidateMember::TakePart()
             log_.Turn();
         }
     }
+}
+
+void CandidateMember::Fork()
+{
+    // A session of the parent that ends now ends before the child does.
+    constexpr int kTimeouts = 3;
+    ForkObserver([this] { return candidate_.IsLeader(); }, options_.history, kTimeouts * options_.sessionTimeout);
 }
 
 }  // namespace kx::velmor::chaos

@@ -25,8 +25,10 @@ public:
 private:
     CandidateOptions Options(const MemberOptions& options);
     void TakePart();
+    void Fork();
     void NoteRole(Role role);
 
+    const MemberOptions options_;
     const std::shared_ptr<Session> session_;
     MemberLog& log_;
 

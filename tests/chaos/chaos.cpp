@@ -1,6 +1,6 @@
-// A random fault run: five processes elect a leader on three servers, all manner of things befall them for some
-// minutes, and what they wrote down is judged afterwards. The same seed does the same things in the same order, whether
-// the processes take part with the bare recipe or with a Candidate.
+// A random fault run: five processes elect a leader on three servers, or on one, all manner of things befall them for
+// some minutes, and what they wrote down is judged afterwards. The same seed does the same things in the same order,
+// whether the processes take part with the bare recipe or with a Candidate.
 
 #include "tests/chaos/checker.h"
 #include "tests/chaos/run.h"
@@ -19,11 +19,15 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
 using kx::velmor::chaos::Bounds;
+using kx::velmor::chaos::FaultKind;
+using kx::velmor::chaos::FaultKindsByName;
 using kx::velmor::chaos::History;
 using kx::velmor::chaos::Report;
 using kx::velmor::chaos::Run;
@@ -33,6 +37,16 @@ using kx::velmor::chaos::Violation;
 constexpr int kExitUsage = 2;
 constexpr std::chrono::minutes kUsualLength{1};
 constexpr std::chrono::hours kNoLimit{24 * 365};
+
+std::set<FaultKind> KindsOf(const std::vector<std::string>& names)
+{
+    std::set<FaultKind> kinds;
+    for (const std::string& name : names)
+    {
+        kinds.insert(FaultKindsByName().at(name));
+    }
+    return kinds;
+}
 
 int Judge(const History& history, const RunOptions& options, std::chrono::milliseconds leaderless)
 {
@@ -83,6 +97,14 @@ int main(int argc, char** argv)
     app.add_option("--members", options.members, "Processes that take part")
         ->check(CLI::Range(1, 50))
         ->capture_default_str();
+    app.add_option("--servers", options.servers, "ZooKeeper servers: an ensemble of three, or one")
+        ->check(CLI::IsMember({1, 3}))
+        ->capture_default_str();
+    app.add_option_function<std::vector<std::string>>(
+           "--without", [&](const std::vector<std::string>& names) { options.without = KindsOf(names); },
+           "Kinds of faults that do not happen, separated by commas")
+        ->delimiter(',')
+        ->check(CLI::IsMember(FaultKindsByName()));
     std::string directory;
     app.add_option("--out", directory, "Where histories and results go (default: velmor-chaos-<seed> in $TMPDIR)");
     std::int64_t leaderless = 1'000;

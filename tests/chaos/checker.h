@@ -93,6 +93,8 @@ struct CandidateReport
     /// Instants at which two or more led for certain.
     Overlaps overlaps;
     Leaderless leaderless;
+    /// Of members' processes, each of which asked whether it leads.
+    std::size_t forkedChildren = 0;
 };
 
 struct Report

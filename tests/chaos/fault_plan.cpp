@@ -1,7 +1,11 @@
 #include "tests/chaos/fault_plan.h"
 
+#include "tests/support/zookeeper_server.h"
+
 #include <algorithm>
 #include <iterator>
+#include <stdexcept>
+#include <utility>
 
 namespace kx::velmor::chaos {
 
@@ -53,6 +57,9 @@ constexpr Trait kTraits[] = {
     {"pause all servers", 1, FaultKind::PauseAllServers, Lasting::Long},
     {"delete node", 5, FaultKind::DeleteNode, Lasting::Moment},
     {"delete path", 1, FaultKind::DeletePath, Lasting::Moment},
+    {"lower timeout", 6, FaultKind::LowerTimeout, Lasting::Long},
+    {"lose server after pause", 8, FaultKind::LoseServerAfterPause, Lasting::AroundTimeout},
+    {"fork", 3, FaultKind::Fork, Lasting::Moment},
 };
 
 const Trait& TraitOf(FaultKind kind)
@@ -60,6 +67,9 @@ const Trait& TraitOf(FaultKind kind)
     return *std::find_if(std::begin(kTraits), std::end(kTraits),
                          [&](const Trait& trait) { return trait.kind == kind; });
 }
+
+/// Servers grant no session timeout below this.
+constexpr int kMinTicksPerTimeout = 2;
 
 constexpr Request kRequests[] = {Request::Create,      Request::Delete, Request::Exists, Request::GetData,
                                  Request::GetChildren, Request::Sync,   Request::Multi};
@@ -69,6 +79,19 @@ constexpr Request kRequests[] = {Request::Create,      Request::Delete, Request:
 const char* Name(FaultKind kind)
 {
     return TraitOf(kind).name;
+}
+
+const std::map<std::string, FaultKind>& FaultKindsByName()
+{
+    static const std::map<std::string, FaultKind> kinds = [] {
+        std::map<std::string, FaultKind> made;
+        for (const Trait& trait : kTraits)
+        {
+            made.emplace(trait.name, trait.kind);
+        }
+        return made;
+    }();
+    return kinds;
 }
 
 const char* Name(Request request)
@@ -94,23 +117,29 @@ const char* Name(Request request)
     }
 }
 
-FaultPlan::FaultPlan(std::uint64_t seed, std::size_t members, std::size_t servers, milliseconds sessionTimeout,
-                     Subject subject)
-    : engine_(seed), members_(members), servers_(servers), sessionTimeout_(sessionTimeout), subject_(subject)
-{}
+FaultPlan::FaultPlan(PlanOptions options) : options_(std::move(options)), engine_(options_.seed)
+{
+    if (options_.without.size() >= std::size(kTraits))
+    {
+        throw std::invalid_argument("no fault is left to happen");
+    }
+}
 
 PlannedFault FaultPlan::Next()
 {
+    const auto weight = [this](const Trait& trait) {
+        return options_.without.count(trait.kind) == 0 ? trait.weight : 0;
+    };
     std::size_t total = 0;
     for (const Trait& trait : kTraits)
     {
-        total += trait.weight;
+        total += weight(trait);
     }
     std::size_t lot = Below(total);
     const Trait* drawn = std::begin(kTraits);
-    while (lot >= drawn->weight)
+    while (lot >= weight(*drawn))
     {
-        lot -= drawn->weight;
+        lot -= weight(*drawn);
         ++drawn;
     }
 
@@ -119,7 +148,7 @@ PlannedFault FaultPlan::Next()
     fault.target = drawn->kind <= FaultKind::Silence ? NetworkTarget() : MemberTarget();
     if (drawn->kind == FaultKind::KillServer || drawn->kind == FaultKind::PauseServer)
     {
-        fault.target.server = Below(servers_);
+        fault.target.server = Below(options_.servers);
     }
     fault.request = kRequests[Below(std::size(kRequests))];
     fault.duration = Duration(drawn->kind);
@@ -127,12 +156,82 @@ PlannedFault FaultPlan::Next()
     fault.leaving = drawn->kind == FaultKind::LeaveInTurn || Below(3) == 0;
     // Drawn for every fault, so that all subjects meet the same ones.
     const milliseconds expiring = LongerThanSession();
-    if (drawn->kind == FaultKind::ExpireSession && subject_ == Subject::Candidate)
-    {
-        fault.kind = FaultKind::Silence;
-        fault.duration = expiring;
-    }
+    DrawDetails(fault);
+    FitSubject(fault, expiring);
+    FitServers(fault);
     return fault;
+}
+
+void FaultPlan::DrawDetails(PlannedFault& fault)
+{
+    const milliseconds timeout = options_.sessionTimeout;
+    switch (fault.kind)
+    {
+        case FaultKind::LowerTimeout:
+            fault.target = {std::nullopt, Below(options_.servers)};
+            fault.grants = Between(kMinTicksPerTimeout * testing_support::ServerOptions().tickTime, timeout);
+            fault.silences = Below(3) != 0;
+            break;
+        case FaultKind::LoseServerAfterPause:
+            fault.target = {};
+            fault.paused = Between(timeout * 3 / 10, timeout * 9 / 10);
+            // The sooner, the more of what the server heard is lost with it.
+            fault.runs =
+                std::min(Between(milliseconds(0), milliseconds(50)), Between(milliseconds(0), milliseconds(50)));
+            fault.kills = Below(4) == 0;
+            break;
+        default:
+            break;
+    }
+}
+
+void FaultPlan::FitSubject(PlannedFault& fault, milliseconds expiring) const
+{
+    if (options_.subject == Subject::Candidate)
+    {
+        if (fault.kind == FaultKind::ExpireSession)
+        {
+            fault.kind = FaultKind::Silence;
+            fault.duration = expiring;
+        }
+        return;
+    }
+    switch (fault.kind)
+    {
+        case FaultKind::LowerTimeout:
+            fault.kind = FaultKind::KillServer;
+            break;
+        case FaultKind::LoseServerAfterPause:
+            fault.kind = FaultKind::PauseMemberBriefly;
+            break;
+        case FaultKind::Fork:
+            fault.kind = FaultKind::Cut;
+            break;
+        default:
+            break;
+    }
+}
+
+void FaultPlan::FitServers(PlannedFault& fault) const
+{
+    if (options_.servers > 1)
+    {
+        return;
+    }
+    switch (fault.kind)
+    {
+        case FaultKind::KillServersLeader:
+        case FaultKind::LoseQuorum:
+            fault.kind = FaultKind::KillServer;
+            fault.target.server = 0;
+            break;
+        case FaultKind::PauseServersLeader:
+            fault.kind = FaultKind::PauseServer;
+            fault.target.server = 0;
+            break;
+        default:
+            break;
+    }
 }
 
 milliseconds FaultPlan::Between(milliseconds least, milliseconds most)
@@ -146,10 +245,10 @@ Target FaultPlan::NetworkTarget()
     switch (Below(4))
     {
         case 0:
-            target.server = Below(servers_);
+            target.server = Below(options_.servers);
             break;
         case 1:
-            target.server = Below(servers_);
+            target.server = Below(options_.servers);
             target.allMembers = true;
             break;
         default:
@@ -164,7 +263,7 @@ Target FaultPlan::MemberTarget()
     // The leader has the most to lose.
     if (Below(2) == 0)
     {
-        target.member = Below(members_);
+        target.member = Below(options_.members);
     }
     return target;
 }
@@ -176,9 +275,9 @@ milliseconds FaultPlan::Duration(FaultKind kind)
         case Lasting::Moment:
             return milliseconds(0);
         case Lasting::Short:
-            return Between(milliseconds(100), sessionTimeout_ / 2);
+            return Between(milliseconds(100), options_.sessionTimeout / 2);
         case Lasting::AroundTimeout:
-            return Between(sessionTimeout_ / 10, 2 * sessionTimeout_);
+            return Between(options_.sessionTimeout / 10, 2 * options_.sessionTimeout);
         case Lasting::Long:
             break;
     }
@@ -187,7 +286,7 @@ milliseconds FaultPlan::Duration(FaultKind kind)
 
 milliseconds FaultPlan::LongerThanSession()
 {
-    return Between(sessionTimeout_ + sessionTimeout_ / 4, 3 * sessionTimeout_);
+    return Between(options_.sessionTimeout + options_.sessionTimeout / 4, 3 * options_.sessionTimeout);
 }
 
 milliseconds FaultPlan::Pause()
@@ -198,9 +297,9 @@ milliseconds FaultPlan::Pause()
         case 0:
             return milliseconds(0);
         case 1:
-            return Between(3 * sessionTimeout_, 5 * sessionTimeout_);
+            return Between(3 * options_.sessionTimeout, 5 * options_.sessionTimeout);
         default:
-            return Between(milliseconds(50), sessionTimeout_);
+            return Between(milliseconds(50), options_.sessionTimeout);
     }
 }
 

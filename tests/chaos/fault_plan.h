@@ -6,8 +6,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,9 +45,15 @@ enum class FaultKind
     // Of an operator.
     DeleteNode,
     DeletePath,
+    // Of what a lease assumes about its session and its process.
+    LowerTimeout,
+    LoseServerAfterPause,
+    Fork,
 };
 
 const char* Name(FaultKind kind);
+/// As the command line takes them.
+const std::map<std::string, FaultKind>& FaultKindsByName();
 
 /// Whom a fault hits.
 struct Target
@@ -69,17 +77,41 @@ struct PlannedFault
     std::chrono::milliseconds pause;
     /// All the while, the pause included, whoever leads leaves and joins again.
     bool leaving = false;
+    /// For `LowerTimeout`: what the server grants meanwhile, and whether the leader is silenced then.
+    std::chrono::milliseconds grants{0};
+    bool silences = false;
+    /// For `LoseServerAfterPause`: how long the leader's process is paused, how long it runs then before its server is
+    /// lost, and whether the server is killed rather than paused.
+    std::chrono::milliseconds paused{0};
+    std::chrono::milliseconds runs{0};
+    bool kills = false;
 };
 
-/// The faults of a run, one after the other, without end. They depend on what is given here and on nothing else.
+/// What the faults of a run derive from.
+struct PlanOptions
+{
+    std::uint64_t seed = 1;
+    std::size_t members = 5;
+    /// One, or at least three.
+    std::size_t servers = 3;
+    std::chrono::milliseconds sessionTimeout{1'000};
+    Subject subject = Subject::Candidate;
+    /// Kinds that do not happen.
+    std::set<FaultKind> without{};
+};
+
+/// The faults of a run, one after the other, without end. They depend on the options and on nothing else.
 ///
-/// They are the same for every subject, but for one: a candidate's session is not closed behind its back, which nobody
-/// can know who was granted its timeout, but silenced until it has expired.
+/// They are the same for every subject, but for these. A candidate's session is not closed behind its back, because a
+/// process that was granted a timeout cannot know of that: it is silenced until it has expired. The recipe has no
+/// lease: it meets simpler faults in place of the last group.
+///
+/// A single server has no quorum to lose, and no leader: faults of either become faults of the server.
 class FaultPlan
 {
 public:
-    FaultPlan(std::uint64_t seed, std::size_t members, std::size_t servers, std::chrono::milliseconds sessionTimeout,
-              Subject subject);
+    /// Throws `std::invalid_argument` when no kind of fault is left.
+    explicit FaultPlan(PlanOptions options);
 
     PlannedFault Next();
 
@@ -89,15 +121,16 @@ private:
     std::chrono::milliseconds Between(std::chrono::milliseconds least, std::chrono::milliseconds most);
     Target NetworkTarget();
     Target MemberTarget();
+    /// Draws what only the last group of kinds needs.
+    void DrawDetails(PlannedFault& fault);
+    void FitSubject(PlannedFault& fault, std::chrono::milliseconds expiring) const;
+    void FitServers(PlannedFault& fault) const;
     std::chrono::milliseconds Duration(FaultKind kind);
     std::chrono::milliseconds LongerThanSession();
     std::chrono::milliseconds Pause();
 
+    const PlanOptions options_;
     std::mt19937_64 engine_;
-    const std::size_t members_;
-    const std::size_t servers_;
-    const std::chrono::milliseconds sessionTimeout_;
-    const Subject subject_;
 };
 
 /// As in "Exists".

@@ -93,6 +93,16 @@ struct Notice
     std::string reason{};
 };
 
+/// A forked child of a member's process, and what it was answered when it asked the candidate it inherited.
+struct ForkedChild
+{
+    std::int64_t pid = 0;
+    /// When it first asked.
+    Instant begin{};
+    /// When it was first and last told that it leads; empty when it never was.
+    std::optional<Interval> led{};
+};
+
 struct RoleChange
 {
     Instant at;
@@ -150,6 +160,7 @@ struct Member
     /// Of candidates: what they were asked, and what they told.
     std::vector<Tenure> tenures{};
     std::vector<Notice> notices{};
+    std::vector<ForkedChild> children{};
     /// As they were written.
     std::vector<Line> lines{};
 };

@@ -10,6 +10,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <numeric>
 #include <stdexcept>
 #include <utility>
 
@@ -46,9 +47,15 @@ bool OfServers(FaultKind kind)
     return kind >= FaultKind::KillServer && kind <= FaultKind::PauseAllServers;
 }
 
+bool OfLease(FaultKind kind)
+{
+    return kind >= FaultKind::LowerTimeout;
+}
+
 bool ConcernsAll(const PlannedFault& planned)
 {
-    return OfServers(planned.kind) || planned.kind == FaultKind::LeaveInTurn ||
+    return OfServers(planned.kind) || planned.kind == FaultKind::LowerTimeout ||
+           planned.kind == FaultKind::LoseServerAfterPause || planned.kind == FaultKind::LeaveInTurn ||
            planned.kind == FaultKind::PauseAllMembers || planned.kind == FaultKind::DeletePath ||
            (OfNetwork(planned.kind) && planned.target.allMembers);
 }
@@ -132,15 +139,25 @@ std::string Label(const PlannedFault& planned, const std::string& member)
     {
         label += std::string(" of ") + Name(planned.request);
     }
-    if (!ConcernsAll(planned))
+    if (!ConcernsAll(planned) || planned.kind == FaultKind::LoseServerAfterPause)
     {
         label += " " + member;
     }
-    const bool chosen =
-        OfNetwork(planned.kind) || planned.kind == FaultKind::KillServer || planned.kind == FaultKind::PauseServer;
+    const bool chosen = OfNetwork(planned.kind) || planned.kind == FaultKind::KillServer ||
+                        planned.kind == FaultKind::PauseServer || planned.kind == FaultKind::LowerTimeout;
     if (chosen && planned.target.server)
     {
         label += " s" + std::to_string(*planned.target.server + 1);
+    }
+    if (planned.kind == FaultKind::LowerTimeout)
+    {
+        label += " to " + std::to_string(planned.grants.count()) + " ms" +
+                 (planned.silences ? ", then silence the leader" : "");
+    }
+    if (planned.kind == FaultKind::LoseServerAfterPause)
+    {
+        label += " of " + std::to_string(planned.paused.count()) + " ms, " + std::to_string(planned.runs.count()) +
+                 " ms later" + (planned.kills ? ", by killing it" : "");
     }
     if (planned.leaving && planned.kind != FaultKind::LeaveInTurn)
     {
@@ -186,6 +203,10 @@ Fault Injector::Strike(const PlannedFault& planned)
     else if (OfServers(planned.kind))
     {
         StrikeServers(planned);
+    }
+    else if (OfLease(planned.kind))
+    {
+        StrikeLease(planned, member);
     }
     else
     {
@@ -319,9 +340,12 @@ void Injector::StrikeServers(const PlannedFault& planned)
         case FaultKind::LoseQuorum:
             KillServers({0, 1});
             break;
-        default:
-            PauseServers({0, 1, 2});
+        default: {
+            std::vector<std::size_t> all(stage_.Servers().Size());
+            std::iota(all.begin(), all.end(), std::size_t{0});
+            PauseServers(all);
             break;
+        }
     }
 }
 

@@ -33,8 +33,15 @@ private:
     void StrikeMember(const PlannedFault& planned, std::size_t member);
     void StrikeServers(const PlannedFault& planned);
     void StrikeNodes(const PlannedFault& planned, std::size_t member);
+    void StrikeLease(const PlannedFault& planned, std::size_t member);
+    void LowerTimeout(const PlannedFault& planned);
+    void LoseServerAfterPause(const PlannedFault& planned, std::size_t member);
 
     void PauseMembers(const std::vector<std::size_t>& members);
+    /// Kills the server and starts it with this limit for session timeouts.
+    void RestartServer(std::size_t server, std::chrono::milliseconds maxSessionTimeout);
+    /// Makes the members reconnect to this server. Gives up after some session timeouts.
+    void MoveMembersTo(std::size_t server);
     void KillServers(const std::vector<std::size_t>& servers);
     void PauseServers(const std::vector<std::size_t>& servers);
     /// Uses up the faults of requests that have met none.

@@ -1,5 +1,6 @@
 #include "tests/chaos/member_log.h"
 
+#include "tests/chaos/forked_observer.h"
 #include "tests/chaos/leadership_track.h"
 #include "tests/chaos/member_reader.h"
 #include "tests/chaos/role_book.h"
@@ -156,6 +157,34 @@ TEST_F(ChaosMemberLog, KeepsTheLatestOfATenureThatGrows)
     ASSERT_TRUE(LastLead(member));
     EXPECT_EQ(LastLead(member)->begin, 9s);
     EXPECT_EQ(LastLead(member)->end, 10s);
+}
+
+TEST_F(ChaosMemberLog, KeepsWhatForkedChildrenWereAnswered)
+{
+    MemberLog log(file_);
+    log.Started();
+    log.Turn();
+    // The child keeps the value that its parent had when it forked.
+    bool leads = true;
+    const pid_t leader = ForkObserver([&] { return leads; }, file_, 50ms);
+    leads = false;
+    const pid_t follower = ForkObserver([&] { return leads; }, file_, 50ms);
+    AwaitObservers();
+    const Member& member = reader_.Update();
+    ASSERT_THAT(member.children, SizeIs(2));
+    for (const ForkedChild& child : member.children)
+    {
+        EXPECT_GE(child.begin, member.lives.at(0).end);
+        ASSERT_EQ(child.led.has_value(), child.pid == leader);
+        EXPECT_TRUE(child.pid == leader || child.pid == follower);
+        if (child.led)
+        {
+            EXPECT_EQ(child.led->begin, child.begin);
+            EXPECT_GT(child.led->end, child.led->begin);
+        }
+    }
+    ASSERT_THAT(member.lives, SizeIs(1));
+    EXPECT_EQ(member.lives[0].end, member.lives[0].ownerSigns.back());
 }
 
 TEST_F(ChaosMemberLog, KeepsWhatCallbacksToldAndInWhichProcess)

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -59,6 +60,12 @@ void MemberReader::Add(const std::string& text)
     {
         member_.lives.push_back({at, at});
         firstStay_ = member_.stays.size();
+        return;
+    }
+    if (what == "forked child")
+    {
+        // It may outlive its parent, of which it says nothing.
+        Child(line);
         return;
     }
     member_.lives.at(member_.lives.size() - 1).end = at;
@@ -159,6 +166,22 @@ void MemberReader::NoticeOf(const Json& line)
     notice.epoch = line.value("epoch", notice.epoch);
     notice.reason = line.value("reason", notice.reason);
     member_.notices.push_back(notice);
+}
+
+void MemberReader::Child(const Json& line)
+{
+    const auto pid = line.at("pid").get<std::int64_t>();
+    std::vector<ForkedChild>& all = member_.children;
+    auto child = std::find_if(all.begin(), all.end(), [&](const ForkedChild& each) { return each.pid == pid; });
+    if (child == all.end())
+    {
+        all.push_back({pid, At(line)});
+        child = all.end() - 1;
+    }
+    if (line.at("leads").get<bool>())
+    {
+        child->led = {child->led ? child->led->begin : At(line), At(line)};
+    }
 }
 
 void MemberReader::Consumption(const Json& line)

@@ -38,6 +38,7 @@ private:
     void TenureOf(const Json& line);
     void NoticeOf(const Json& line);
     void Consumption(const Json& line);
+    void Child(const Json& line);
 
     std::size_t StayIndex(const Json& line) const;
     Stay& StayOf(const Json& line) { return member_.stays.at(StayIndex(line)); }

@@ -19,6 +19,7 @@ sigset_t Signals()
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGUSR2);
     return signals;
 }
 
@@ -41,6 +42,8 @@ Request AwaitRequest(milliseconds time)
             return Request::Leave;
         case SIGUSR1:
             return Request::LeaveAndJoinAgain;
+        case SIGUSR2:
+            return Request::Fork;
         default:
             return Request::None;
     }

@@ -25,10 +25,11 @@ enum class Request
     None,
     Leave,
     LeaveAndJoinAgain,
+    Fork,
 };
 
 /// From now on what a member is asked by signals waits for `AwaitRequest`: SIGTERM asks to leave, SIGUSR1 to leave and
-/// join again. Before any thread starts, since threads take over what is blocked.
+/// join again, SIGUSR2 to fork. Before any thread starts, since threads take over what is blocked.
 void HoldRequests();
 
 /// What came within this time.

@@ -53,7 +53,7 @@ std::string InWords(const CandidateReport& candidates)
         text << separator << count << ' ' << reason;
         separator = ", ";
     }
-    text << "; " << candidates.stays << " stays in second place\n"
+    text << "; " << candidates.stays << " stays in second place; " << candidates.forkedChildren << " forked children\n"
          << "by IsLeader: " << candidates.overlaps.count << " overlaps, " << candidates.overlaps.total.count()
          << " us; " << InWords(candidates.leaderless);
     return text.str();
@@ -64,6 +64,7 @@ Json ToJson(const CandidateReport& candidates)
     return {{"successions", candidates.Successions()},
             {"losses", candidates.losses},
             {"stays_in_second_place", candidates.stays},
+            {"forked_children", candidates.forkedChildren},
             {"overlaps", candidates.overlaps.count},
             {"overlap_us", candidates.overlaps.total.count()},
             {"leaderless_ms", Milliseconds(candidates.leaderless.total)},

@@ -42,9 +42,10 @@ bool EndSignalPending()
 
 Run::Run(RunOptions options)
     : options_(std::move(options)),
-      stage_(options_.subject, options_.members, options_.sessionTimeout, options_.directory),
+      stage_(options_.subject, options_.members, options_.servers, options_.sessionTimeout, options_.directory),
       injector_(stage_),
-      plan_(options_.seed, options_.members, stage_.Servers().Size(), options_.sessionTimeout, options_.subject),
+      plan_({options_.seed, options_.members, options_.servers, options_.sessionTimeout, options_.subject,
+             options_.without}),
       history_{{Now(), Now()}, options_.sessionTimeout, options_.subject}
 {
     // Of an earlier run.

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <set>
 #include <string>
 
 namespace kx::velmor::chaos {
@@ -22,6 +23,10 @@ struct RunOptions
     std::size_t successions = 0;
     std::uint64_t seed = 1;
     std::size_t members = 5;
+    /// One or three.
+    std::size_t servers = 3;
+    /// Kinds of faults that do not happen.
+    std::set<FaultKind> without{};
     /// Where histories go.
     std::filesystem::path directory;
     /// Besides a line for each fault, one for each second.

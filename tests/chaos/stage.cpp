@@ -1,5 +1,6 @@
 #include "tests/chaos/stage.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -20,11 +21,12 @@ std::filesystem::path MemberProgram()
 
 }  // namespace
 
-Stage::Stage(Subject subject, std::size_t members, std::chrono::milliseconds sessionTimeout,
+Stage::Stage(Subject subject, std::size_t members, std::size_t servers, std::chrono::milliseconds sessionTimeout,
              std::filesystem::path directory)
     : subject_(subject),
       sessionTimeout_(sessionTimeout),
       directory_(std::move(directory)),
+      servers_(servers),
       links_(members),
       processes_(members)
 {
@@ -99,6 +101,14 @@ std::vector<Proxy*> Stage::Links(std::optional<std::size_t> member, std::optiona
         }
     }
     return chosen;
+}
+
+std::optional<std::size_t> Stage::ServerOf(std::size_t member) const
+{
+    const auto& links = links_.at(member);
+    const auto used =
+        std::find_if(links.begin(), links.end(), [](const auto& link) { return link->Connections() > 0; });
+    return used == links.end() ? std::nullopt : std::optional<std::size_t>(used - links.begin());
 }
 
 Stage::Lead Stage::LatestLead()

@@ -17,7 +17,7 @@
 
 namespace kx::velmor::chaos {
 
-/// Three servers, the members, and a proxy between each member and each server.
+/// The servers, the members, and a proxy between each member and each server.
 ///
 /// Threads: one. Verbs throw `std::runtime_error` when the world outside does not do as it is told.
 class Stage
@@ -26,7 +26,7 @@ public:
     /// Within this time servers are expected to serve again, on a machine that is busy with other things, too.
     static constexpr std::chrono::seconds kServersReturn{90};
 
-    Stage(Subject subject, std::size_t members, std::chrono::milliseconds sessionTimeout,
+    Stage(Subject subject, std::size_t members, std::size_t servers, std::chrono::milliseconds sessionTimeout,
           std::filesystem::path directory);
     /// No process stays behind.
     ~Stage() = default;
@@ -46,6 +46,8 @@ public:
     process::ChildProcess& Process(std::size_t member) { return *processes_.at(member); }
     /// The links of one member, or of all; to one server, or to all.
     std::vector<testing_support::Proxy*> Links(std::optional<std::size_t> member, std::optional<std::size_t> server);
+    /// The server that the member is connected to; empty when it is between two connections.
+    std::optional<std::size_t> ServerOf(std::size_t member) const;
 
     /// The member's history up to now.
     const Member& HistoryOf(std::size_t member) { return readers_.at(member).Update(); }

@@ -70,6 +70,11 @@ std::size_t Ensemble::LeaderIndex(std::chrono::milliseconds deadline) const
 
 void Ensemble::Introduce()
 {
+    // A single server runs alone: it has no peers, and does not listen for them.
+    if (servers_.size() == 1)
+    {
+        return;
+    }
     std::vector<ZooKeeperServer::Peer> peers;
     for (std::size_t i = 0; i < servers_.size(); ++i)
     {

@@ -10,7 +10,7 @@
 
 namespace kx::velmor::testing_support {
 
-/// Several throwaway servers that form one ensemble. Faults are verbs of the single servers.
+/// Throwaway servers that form one ensemble, or one server alone. Faults are verbs of the single servers.
 ///
 /// Threads: as `ZooKeeperServer`.
 class Ensemble

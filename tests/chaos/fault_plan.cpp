@@ -169,15 +169,15 @@ void FaultPlan::DrawDetails(PlannedFault& fault)
     {
         case FaultKind::LowerTimeout:
             fault.target = {std::nullopt, Below(options_.servers)};
-            fault.grants = Between(kMinTicksPerTimeout * testing_support::ServerOptions().tickTime, timeout);
+            fault.grants = Shorter(kMinTicksPerTimeout * testing_support::ServerOptions().tickTime, timeout);
             fault.silences = Below(3) != 0;
+            fault.renews = Below(2) == 0;
             break;
         case FaultKind::LoseServerAfterPause:
             fault.target = {};
-            fault.paused = Between(timeout * 3 / 10, timeout * 9 / 10);
+            fault.pausedPercent = 30 + Below(61);
             // The sooner, the more of what the server heard is lost with it.
-            fault.runs =
-                std::min(Between(milliseconds(0), milliseconds(50)), Between(milliseconds(0), milliseconds(50)));
+            fault.runs = Shorter(milliseconds(0), milliseconds(50));
             fault.kills = Below(4) == 0;
             break;
         default:
@@ -237,6 +237,12 @@ void FaultPlan::FitServers(PlannedFault& fault) const
 milliseconds FaultPlan::Between(milliseconds least, milliseconds most)
 {
     return least + milliseconds(Below(static_cast<std::size_t>((most - least).count() + 1)));
+}
+
+milliseconds FaultPlan::Shorter(milliseconds min, milliseconds max)
+{
+    const milliseconds one = Between(min, max);
+    return std::min(one, Between(min, max));
 }
 
 Target FaultPlan::NetworkTarget()

@@ -77,12 +77,14 @@ struct PlannedFault
     std::chrono::milliseconds pause;
     /// All the while, the pause included, whoever leads leaves and joins again.
     bool leaving = false;
-    /// For `LowerTimeout`: what the server grants meanwhile, and whether the leader is silenced then.
+    /// For `LowerTimeout`: what the server grants meanwhile, whether the leader is silenced then, and whether sessions
+    /// with the lower timeout are ended afterwards. Otherwise clients keep it until their sessions end.
     std::chrono::milliseconds grants{0};
     bool silences = false;
-    /// For `LoseServerAfterPause`: how long the leader's process is paused, how long it runs then before its server is
-    /// lost, and whether the server is killed rather than paused.
-    std::chrono::milliseconds paused{0};
+    bool renews = false;
+    /// For `LoseServerAfterPause`: the part of its session timeout for which the leader's process is paused, how long
+    /// it runs then before its server is lost, and whether the server is killed rather than paused.
+    std::size_t pausedPercent = 0;
     std::chrono::milliseconds runs{0};
     bool kills = false;
 };
@@ -119,6 +121,8 @@ private:
     /// 0 .. n-1, the same with every standard library, unlike its distributions.
     std::size_t Below(std::size_t n) { return static_cast<std::size_t>(engine_() % n); }
     std::chrono::milliseconds Between(std::chrono::milliseconds least, std::chrono::milliseconds most);
+    /// The shorter one of two.
+    std::chrono::milliseconds Shorter(std::chrono::milliseconds min, std::chrono::milliseconds max);
     Target NetworkTarget();
     Target MemberTarget();
     /// Draws what only the last group of kinds needs.

@@ -102,6 +102,7 @@ TEST(ChaosFaultPlan, GivesFaultsOfLeasesWhatTheyNeed)
     FaultPlan plan(Options(1, Subject::Candidate));
     std::set<FaultKind> kinds;
     std::set<bool> silenced;
+    std::set<bool> renewed;
     std::set<bool> killed;
     for (int i = 0; i < 1'000; ++i)
     {
@@ -115,18 +116,20 @@ TEST(ChaosFaultPlan, GivesFaultsOfLeasesWhatTheyNeed)
             EXPECT_TRUE(fault.target.server);
             EXPECT_FALSE(fault.target.member);
             silenced.insert(fault.silences);
+            renewed.insert(fault.renews);
         }
         if (fault.kind == FaultKind::LoseServerAfterPause)
         {
             EXPECT_FALSE(fault.target.member);
-            EXPECT_GE(fault.paused, milliseconds(600));
-            EXPECT_LE(fault.paused, milliseconds(1'800));
+            EXPECT_GE(fault.pausedPercent, 30U);
+            EXPECT_LE(fault.pausedPercent, 90U);
             EXPECT_LE(fault.runs, milliseconds(50));
             killed.insert(fault.kills);
         }
     }
     EXPECT_THAT(kinds, IsSupersetOf(kOfLeases));
     EXPECT_THAT(silenced, SizeIs(2));
+    EXPECT_THAT(renewed, SizeIs(2));
     EXPECT_THAT(killed, SizeIs(2));
 }
 

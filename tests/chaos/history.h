@@ -153,6 +153,8 @@ struct Member
     std::vector<RoleChange> roles{};
     /// The one it had last.
     SessionKey session{};
+    /// What the servers granted it.
+    std::chrono::milliseconds sessionTimeout{0};
     /// By the candidate's flag alone.
     std::vector<Leadership> byFlag{};
     /// By the session's view: the flag, a connection, and an answer that is younger than the session timeout.

@@ -156,8 +156,8 @@ std::string Label(const PlannedFault& planned, const std::string& member)
     }
     if (planned.kind == FaultKind::LoseServerAfterPause)
     {
-        label += " of " + std::to_string(planned.paused.count()) + " ms, " + std::to_string(planned.runs.count()) +
-                 " ms later" + (planned.kills ? ", by killing it" : "");
+        label += " of " + std::to_string(planned.pausedPercent) + " % of its timeout, " +
+                 std::to_string(planned.runs.count()) + " ms later" + (planned.kills ? ", by killing it" : "");
     }
     if (planned.leaving && planned.kind != FaultKind::LeaveInTurn)
     {

@@ -40,6 +40,7 @@ private:
     void PauseMembers(const std::vector<std::size_t>& members);
     /// Kills the server and starts it with this limit for session timeouts.
     void RestartServer(std::size_t server, std::chrono::milliseconds maxSessionTimeout);
+    void SilenceMembers(std::chrono::milliseconds time);
     /// Makes the members reconnect to this server. Gives up after some session timeouts.
     void MoveMembersTo(std::size_t server);
     void KillServers(const std::vector<std::size_t>& servers);

@@ -21,6 +21,9 @@ using testing_support::ServerOptions;
 /// Members try another server many times within this time.
 constexpr std::chrono::seconds kReconnection{2};
 
+/// Servers end a session up to this many ticks after its timeout.
+constexpr int kExpiryTicks = 2;
+
 }  // namespace
 
 void Injector::StrikeLease(const PlannedFault& planned, std::size_t member)
@@ -53,12 +56,16 @@ void Injector::LowerTimeout(const PlannedFault& planned)
             link->BlackHole();
         }
     }
-    undo_ = [this, server, links] {
+    undo_ = [this, server, links, ends = planned.renews ? planned.grants : std::chrono::milliseconds(0)] {
         for (Proxy* const link : links)
         {
             link->Heal();
         }
         RestartServer(server, ServerOptions().maxSessionTimeout);
+        if (ends.count() > 0)
+        {
+            SilenceMembers(ends + kExpiryTicks * ServerOptions().tickTime);
+        }
     };
 }
 
@@ -66,7 +73,7 @@ void Injector::LoseServerAfterPause(const PlannedFault& planned, std::size_t mem
 {
     const std::optional<std::size_t> server = stage_.ServerOf(member);
     stage_.Process(member).Pause();
-    std::this_thread::sleep_for(planned.paused);
+    std::this_thread::sleep_for(stage_.HistoryOf(member).sessionTimeout * planned.pausedPercent / 100);
     stage_.Process(member).Continue();
     if (!server)
     {
@@ -88,6 +95,20 @@ void Injector::RestartServer(std::size_t server, std::chrono::milliseconds maxSe
     stage_.Servers().Server(server).Kill();
     stage_.Servers().Server(server).SetMaxSessionTimeout(maxSessionTimeout);
     stage_.RestartServers({server});
+}
+
+void Injector::SilenceMembers(std::chrono::milliseconds time)
+{
+    const std::vector<Proxy*> links = stage_.Links(std::nullopt, std::nullopt);
+    for (Proxy* const link : links)
+    {
+        link->BlackHole();
+    }
+    std::this_thread::sleep_for(time);
+    for (Proxy* const link : links)
+    {
+        link->Heal();
+    }
 }
 
 void Injector::MoveMembersTo(std::size_t server)

@@ -52,6 +52,7 @@ TEST_F(ChaosMemberLog, IsReadAsItWasWritten)
     SessionStatus status;
     status.state = SessionState::Connected;
     status.sessionId = 77;
+    status.negotiatedTimeout = 1500ms;
     log.Session(status, &id);
     log.Joining(1, 77);
     log.Role(1, "leader");
@@ -66,6 +67,7 @@ TEST_F(ChaosMemberLog, IsReadAsItWasWritten)
     const Member& member = reader_.Update();
     EXPECT_EQ(member.name, "m1");
     EXPECT_EQ(member.session.id, 77);
+    EXPECT_EQ(member.sessionTimeout, 1500ms);
     EXPECT_EQ(member.session.password, "0000000000000000000000000000001f");
     ASSERT_THAT(member.stays, SizeIs(1));
     EXPECT_EQ(member.stays[0].node, "c-0000000003");

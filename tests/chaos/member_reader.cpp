@@ -91,6 +91,7 @@ void MemberReader::Session(const Json& line)
     if (line.at("state") == "connected")
     {
         member_.session = {line.at("session").get<std::int64_t>(), line.at("password").get<std::string>()};
+        member_.sessionTimeout = std::chrono::milliseconds(line.at("timeout_ms").get<std::int64_t>());
     }
 }
 

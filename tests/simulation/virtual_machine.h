@@ -20,11 +20,16 @@ using EventId = std::uint64_t;
 /// The program that links this unit replaces the C library's threads, mutexes, condition variables, sleeps and clocks
 /// (`pthread_create`, `pthread_mutex_lock`, `pthread_cond_clockwait`, `clock_gettime`, ...) and the standard library's
 /// `std::random_device`. While a machine runs, they work on its coroutines and its clock, so that code under test runs
-/// unchanged. Outside of a machine they do what the C library does.
+/// unchanged. Outside of a machine they do what the C library does. (`virtual_posix.cpp` has the list, and what cannot
+/// be simulated.)
+///
+/// Each thread has its own thread-local variables of the executable. Those of shared libraries are shared, and so is
+/// what `pthread_getspecific` tells.
 ///
 /// Threads run one at a time, until they wait. Which of the runnable threads runs next, and where a thread is preempted
 /// (at some of the calls above), depends on the seed and on nothing else: two runs with one seed take the same steps.
-/// The clock moves only when no thread can run, to the next time for which something waits.
+/// The clock moves only when no thread can run, to the next time for which something waits. Events happen only then,
+/// too. A thread that asks for the time or gives way a thousand times without waiting sleeps for a microsecond.
 ///
 /// One machine at a time. Not for threads: everything here is called by the thread that owns the machine or by a
 /// simulated thread.
@@ -38,7 +43,8 @@ public:
     VirtualMachine(const VirtualMachine&) = delete;
     VirtualMachine& operator=(const VirtualMachine&) = delete;
 
-    /// The machine that runs; null outside of a simulation.
+    /// The machine that exists; null outside of a simulation. Its clock is the clock of the thread that owns it, also
+    /// between two calls of `Run`.
     static VirtualMachine* Current() noexcept;
 
     Time Now() const noexcept;
@@ -54,7 +60,8 @@ public:
     /// A paused process runs no threads, and its events wait. The clock goes on.
     void Pause(ProcessId process);
     /// Pauses the process at its `calls`-th call from now that locks, unlocks or notifies something, or reads a clock:
-    /// in the middle of what it does, whereas `Pause` in an event finds all threads waiting. `Continue` takes it back.
+    /// in the middle of what it does and with the locks that it holds, whereas `Pause` in an event finds all threads
+    /// waiting. `Continue` takes it back.
     void PauseInside(ProcessId process, std::uint64_t calls);
     void Continue(ProcessId process);
     bool Paused(ProcessId process) const;

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -254,7 +255,10 @@ TEST(VirtualMachineThreadsTest, DetachedThreadRunsOn)
             }).detach();
             std::thread early([] {});
             std::this_thread::sleep_for(seconds(1));
+            const pthread_t handle = early.native_handle();
             early.detach();
+            // Nothing is left of it.
+            EXPECT_EQ(pthread_detach(handle), ESRCH);
         });
 
         EXPECT_EQ(machine.RunAll(), Outcome::Stalled);

@@ -4,6 +4,7 @@
 #include <link.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -95,6 +96,7 @@ int FindVariables(dl_phdr_info* info, std::size_t /*size*/, void* result)
             Variables& variables = *static_cast<Variables*>(result);
             variables.place = static_cast<char*>(info->dlpi_tls_data);
             // The loader tells addresses as numbers.
+            // NOLINTNEXTLINE(performance-no-int-to-ptr)
             const auto* const image = reinterpret_cast<const char*>(info->dlpi_addr + segment.p_vaddr);
             variables.initial.assign(image, image + segment.p_filesz);
             variables.initial.resize(segment.p_memsz);
@@ -127,7 +129,8 @@ void ThreadState::Enter(ThreadState& previous) const
 
 void ThreadState::Store()
 {
-    std::memcpy(variables_.data(), ExecutablesVariables().place, variables_.size());
+    const Variables& variables = ExecutablesVariables();
+    variables_.assign(variables.place, variables.place + variables.initial.size());
     // Two words, which the standard ABI names: the stack of caught exceptions, and the count of uncaught ones.
     std::memcpy(exceptions_, static_cast<const void*>(abi::__cxa_get_globals()), kExceptionsSize);
     errno_ = errno;
@@ -135,7 +138,7 @@ void ThreadState::Store()
 
 void ThreadState::Load() const
 {
-    std::memcpy(ExecutablesVariables().place, variables_.data(), variables_.size());
+    std::copy(variables_.begin(), variables_.end(), ExecutablesVariables().place);
     std::memcpy(static_cast<void*>(abi::__cxa_get_globals()), exceptions_, kExceptionsSize);
     errno = errno_;
 }

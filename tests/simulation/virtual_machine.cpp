@@ -47,6 +47,7 @@ MachineCore::MachineCore(VirtualMachine& machine, std::uint64_t seed, unsigned p
         FailSimulation("there is a machine already");
     }
     LinkReplacements();
+    LinkRuntimeReplacements();
     g_thread = __builtin_thread_pointer();
     g_current = this;
 }

@@ -197,5 +197,6 @@ private:
 
 /// Sees to it that the functions that replace the C library's are linked.
 void LinkReplacements();
+void LinkRuntimeReplacements();
 
 }  // namespace kx::velmor::simulation

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <exception>
 #include <mutex>
 #include <set>
 #include <shared_mutex>
@@ -27,20 +26,6 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 using ::testing::ElementsAre;
 using Outcome = VirtualMachine::Outcome;
-
-/// What happens with each of many seeds.
-template <typename Scenario>
-void WithSeeds(const Scenario& scenario)
-{
-    for (std::uint64_t seed = 0; seed < 50; ++seed)
-    {
-        SCOPED_TRACE(seed);
-        // Preempted at every second call.
-        TestMachine machine(seed, 2);
-        scenario(machine);
-        EXPECT_EQ(machine.Threads(), 0U);
-    }
-}
 
 TEST(VirtualMachineThreadsTest, MutexLetsOneInAtATime)
 {
@@ -287,143 +272,6 @@ TEST(VirtualMachineThreadsTest, ThreadsHaveNumbersThatTellWhetherTheyWait)
 
     EXPECT_NE(sleeper, runner);
     EXPECT_FALSE(machine.Asleep(sleeper));
-}
-
-TEST(VirtualMachineThreadsTest, ThreadWaitsWhileItHandlesAnException)
-{
-    WithSeeds([](TestMachine& machine) {
-        std::vector<std::string> caught;
-        for (const int i : {1, 2, 3})
-        {
-            machine.Start([&, i] {
-                try
-                {
-                    try
-                    {
-                        throw std::runtime_error(std::to_string(i));
-                    }
-                    catch (const std::exception&)
-                    {
-                        std::this_thread::sleep_for(seconds(4 - i));
-                        throw;
-                    }
-                }
-                catch (const std::exception& error)
-                {
-                    std::this_thread::sleep_for(seconds(i));
-                    caught.emplace_back(error.what());
-                    EXPECT_EQ(std::uncaught_exceptions(), 0);
-                }
-                EXPECT_EQ(std::current_exception(), nullptr);
-            });
-        }
-
-        EXPECT_EQ(machine.RunAll(), Outcome::Stalled);
-        EXPECT_THAT(caught, ::testing::UnorderedElementsAre("1", "2", "3"));
-    });
-}
-
-struct WaitsWhenDestroyed
-{
-    WaitsWhenDestroyed() = default;
-    ~WaitsWhenDestroyed()
-    {
-        std::this_thread::sleep_for(seconds(1));
-        EXPECT_EQ(std::uncaught_exceptions(), 1);
-    }
-    WaitsWhenDestroyed(const WaitsWhenDestroyed&) = delete;
-    WaitsWhenDestroyed& operator=(const WaitsWhenDestroyed&) = delete;
-};
-
-TEST(VirtualMachineThreadsTest, ThreadWaitsWhileAnExceptionPasses)
-{
-    TestMachine machine(1);
-    for (int i = 0; i < 3; ++i)
-    {
-        machine.Start([i] {
-            std::this_thread::sleep_for(milliseconds(i * 400));
-            EXPECT_EQ(std::uncaught_exceptions(), 0);
-            try
-            {
-                const WaitsWhenDestroyed waits;
-                throw std::runtime_error("passes");
-            }
-            catch (const std::exception&)
-            {
-                EXPECT_EQ(std::uncaught_exceptions(), 0);
-            }
-        });
-    }
-
-    EXPECT_EQ(machine.RunAll(), Outcome::Stalled);
-    EXPECT_EQ(machine.Now(), milliseconds(1'800));
-}
-
-thread_local int t_number = 5;
-
-struct NotesItsEnd
-{
-    ~NotesItsEnd()
-    {
-        if (ends != nullptr)
-        {
-            ends->push_back(number);
-        }
-    }
-    std::vector<int>* ends = nullptr;
-    int number = 0;
-};
-thread_local NotesItsEnd t_notes;
-
-TEST(VirtualMachineThreadsTest, ThreadsHaveTheirOwnVariables)
-{
-    std::vector<int> ends;
-    t_number = 6;
-    WithSeeds([&ends](TestMachine& machine) {
-        ends.clear();
-        for (const int i : {1, 2, 3})
-        {
-            machine.Start([&ends, i] {
-                EXPECT_EQ(t_number, 5);
-                t_number = i;
-                t_notes.ends = &ends;
-                t_notes.number = i;
-                errno = i;
-                std::this_thread::sleep_for(seconds(4 - i));
-                EXPECT_EQ(t_number, i);
-                EXPECT_EQ(errno, i);
-            });
-        }
-
-        EXPECT_EQ(machine.RunAll(), Outcome::Stalled);
-        EXPECT_THAT(ends, ElementsAre(3, 2, 1));
-        EXPECT_EQ(t_number, 6);
-    });
-}
-
-TEST(VirtualMachineThreadsTest, StaticObjectIsMadeOnce)
-{
-    static int made = 0;
-    struct MadeSlowly
-    {
-        MadeSlowly()
-        {
-            std::this_thread::sleep_for(seconds(1));
-            ++made;
-        }
-    };
-    TestMachine machine(1);
-    for (int i = 0; i < 3; ++i)
-    {
-        machine.Start([&machine] {
-            static const MadeSlowly object;
-            EXPECT_EQ(made, 1);
-            EXPECT_EQ(machine.Now(), seconds(1));
-        });
-    }
-
-    EXPECT_EQ(machine.RunAll(), Outcome::Stalled);
-    EXPECT_EQ(made, 1);
 }
 
 TEST(VirtualMachineThreadsTest, ManyThreadsRunAtOnce)

@@ -1,5 +1,5 @@
-// What replaces the C library's threads, locks, sleeps and clocks, and a few functions of the C++ runtime. They are
-// found before the real ones, since the executable defines them, also by shared libraries. Outside of a machine, and on
+// What replaces the C library's threads and locks; virtual_runtime.cpp replaces the rest. These functions are found
+// before the real ones, since the executable defines them, also by shared libraries. Outside of a machine, and on
 // threads of the operating system that own none, they call the real ones.
 //
 // Mutexes and read-write locks are really locked, so that it does not matter whether that was done inside of a machine;
@@ -9,64 +9,18 @@
 // mutexes are refused.
 
 #include "source/thread_state.h"
+#include "tests/simulation/real_function.h"
 #include "tests/simulation/virtual_machine_core.h"
 
-#include <cxxabi.h>
-#include <dlfcn.h>
 #include <pthread.h>
-#include <sched.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <ctime>
-#include <random>
 
 namespace kx::velmor::simulation {
 
 namespace {
-
-using std::chrono::nanoseconds;
-using std::chrono::seconds;
-
-/// The time of day at which machines start: 2026-01-01 00:00:00 UTC.
-constexpr seconds kStartOfDay{1'767'225'600};
-
-/// The function that is replaced. Looked up when it is first called: before any static object exists, maybe.
-template <typename Function>
-class Real
-{
-public:
-    /// `version` for a name that has several; the linker would find the oldest one.
-    constexpr explicit Real(const char* name, const char* version = nullptr) : name_(name), version_(version) {}
-
-    template <typename... Arguments>
-    auto operator()(Arguments... arguments)
-    {
-        return Get()(arguments...);
-    }
-
-private:
-    Function* Get()
-    {
-        void* found = function_.load(std::memory_order_relaxed);
-        if (found == nullptr)
-        {
-            found = version_ != nullptr ? dlvsym(RTLD_NEXT, name_, version_) : dlsym(RTLD_NEXT, name_);
-            if (found == nullptr)
-            {
-                FailSimulation(name_);
-            }
-            function_.store(found, std::memory_order_relaxed);
-        }
-        return reinterpret_cast<Function*>(found);
-    }
-
-    const char* const name_;
-    const char* const version_;
-    std::atomic<void*> function_{nullptr};
-};
 
 using MutexFunction = int(pthread_mutex_t*);
 using TimedMutexFunction = int(pthread_mutex_t*, const timespec*);
@@ -99,19 +53,7 @@ Real<TimedRwLockFunction> g_timedWriteLock("pthread_rwlock_timedwrlock");
 Real<ClockRwLockFunction> g_clockReadLock("pthread_rwlock_clockrdlock");
 Real<ClockRwLockFunction> g_clockWriteLock("pthread_rwlock_clockwrlock");
 Real<RwLockFunction> g_rwUnlock("pthread_rwlock_unlock");
-Real<int()> g_yield("sched_yield");
-Real<int(const timespec*, timespec*)> g_nanosleep("nanosleep");
-Real<int(clockid_t, int, const timespec*, timespec*)> g_clockNanosleep("clock_nanosleep");
-Real<int(useconds_t)> g_usleep("usleep");
-Real<int(clockid_t, timespec*)> g_clockGettime("clock_gettime");
 Real<pid_t()> g_gettid("gettid");
-Real<int(abi::__guard*)> g_guardAcquire("__cxa_guard_acquire");
-Real<void(abi::__guard*)> g_guardRelease("__cxa_guard_release");
-Real<void(abi::__guard*)> g_guardAbort("__cxa_guard_abort");
-Real<int(void (*)(void*), void*, void*)> g_atThreadExit("__cxa_thread_atexit");
-Real<void(std::random_device*, const std::string&)> g_randomInit(
-    "_ZNSt13random_device7_M_initERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
-Real<unsigned int(std::random_device*)> g_randomValue("_ZNSt13random_device9_M_getvalEv");
 
 /// Handles of simulated threads: their numbers, marked as nothing that the C library would hand out.
 constexpr pthread_t kHandleMark = 0x51UL << 56;
@@ -124,18 +66,6 @@ pthread_t HandleOf(const SimulatedThread& thread)
 bool IsSimulated(pthread_t handle)
 {
     return (handle & (0xFFUL << 56)) == kHandleMark;
-}
-
-Time DurationOf(const timespec& time)
-{
-    return seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
-}
-
-/// When a clock of the machine shows this.
-Time DeadlineOf(clockid_t clock, const timespec& time)
-{
-    const Time shown = DurationOf(time);
-    return clock == CLOCK_REALTIME ? shown - kStartOfDay : shown;
 }
 
 /// `tryLock` returns 0 or an error.
@@ -444,155 +374,7 @@ int pthread_rwlock_unlock(pthread_rwlock_t* lock) noexcept
     return error;
 }
 
-int sched_yield() noexcept
-{
-    MachineCore* const machine = MachineCore::Current();
-    if (machine == nullptr)
-    {
-        return g_yield();
-    }
-    machine->GiveWay();
-    return 0;
-}
-
-int nanosleep(const timespec* time, timespec* left)
-{
-    MachineCore* const machine = MachineCore::Current();
-    if (machine == nullptr)
-    {
-        return g_nanosleep(time, left);
-    }
-    machine->Sleep(machine->Now() + DurationOf(*time));
-    return 0;
-}
-
-int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left)
-{
-    MachineCore* const machine = MachineCore::Current();
-    if (machine == nullptr)
-    {
-        return g_clockNanosleep(clock, flags, time, left);
-    }
-    machine->Sleep((flags & TIMER_ABSTIME) != 0 ? DeadlineOf(clock, *time) : machine->Now() + DurationOf(*time));
-    return 0;
-}
-
-int usleep(useconds_t time)
-{
-    MachineCore* const machine = MachineCore::Current();
-    if (machine == nullptr)
-    {
-        return g_usleep(time);
-    }
-    machine->Sleep(machine->Now() + std::chrono::microseconds(time));
-    return 0;
-}
-
-int clock_gettime(clockid_t clock, timespec* time) noexcept
-{
-    MachineCore* const machine = MachineCore::Current();
-    if (machine == nullptr)
-    {
-        return g_clockGettime(clock, time);
-    }
-    Time now{};
-    switch (clock)
-    {
-        case CLOCK_MONOTONIC:
-        case CLOCK_MONOTONIC_COARSE:
-        case CLOCK_MONOTONIC_RAW:
-        case CLOCK_BOOTTIME:
-            now = machine->ReadClock();
-            break;
-        case CLOCK_REALTIME:
-        case CLOCK_REALTIME_COARSE:
-            now = machine->ReadClock() + kStartOfDay;
-            break;
-        default:
-            return g_clockGettime(clock, time);
-    }
-    time->tv_sec = std::chrono::duration_cast<seconds>(now).count();
-    time->tv_nsec = (now % seconds(1)).count();
-    return 0;
-}
-
 }  // extern "C"
-
-// Guards of static objects in functions: a byte that tells whether the object exists, and one that tells whether a
-// thread is about to make it, as in the runtime. A thread may be preempted while it does.
-namespace __cxxabiv1 {
-
-extern "C" int __cxa_guard_acquire(__guard* guard)
-{
-    MachineCore* const machine = MachineCore::Current();
-    if (machine == nullptr)
-    {
-        return g_guardAcquire(guard);
-    }
-    char* const bytes = reinterpret_cast<char*>(guard);
-    while (bytes[0] == 0)
-    {
-        if (bytes[1] == 0)
-        {
-            bytes[1] = 1;
-            return 1;
-        }
-        machine->Wait(guard, kNever);
-    }
-    return 0;
-}
-
-extern "C" void __cxa_guard_release(__guard* guard) noexcept
-{
-    MachineCore* const machine = MachineCore::Current();
-    g_guardRelease(guard);
-    if (machine != nullptr)
-    {
-        machine->WakeAll(guard);
-    }
-}
-
-extern "C" void __cxa_guard_abort(__guard* guard) noexcept
-{
-    MachineCore* const machine = MachineCore::Current();
-    g_guardAbort(guard);
-    if (machine != nullptr)
-    {
-        machine->WakeAll(guard);
-    }
-}
-
-extern "C" int __cxa_thread_atexit(void (*destroy)(void*), void* object, void* library) noexcept
-{
-    Coroutine* const coroutine = CurrentThread() != nullptr ? Coroutine::Current() : nullptr;
-    if (coroutine == nullptr)
-    {
-        return g_atThreadExit(destroy, object, library);
-    }
-    coroutine->AtEnd(destroy, object);
-    return 0;
-}
-
-}  // namespace __cxxabiv1
-
-void std::random_device::_M_init(const std::string& token)
-{
-    if (MachineCore::Current() == nullptr)
-    {
-        g_randomInit(this, token);
-        return;
-    }
-    // Nothing to be released.
-    _M_file = nullptr;
-    _M_func = nullptr;
-    _M_fd = -1;
-}
-
-std::random_device::result_type std::random_device::_M_getval()
-{
-    MachineCore* const machine = MachineCore::Current();
-    return machine != nullptr ? static_cast<result_type>(machine->DeviceRandom() >> 32) : g_randomValue(this);
-}
 
 bool kx::velmor::Asleep(pid_t thread) noexcept
 {

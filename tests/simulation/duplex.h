@@ -42,8 +42,13 @@ public:
     /// With a `process`, the lower end is a client in that process.
     Duplex(VirtualMachine& machine, std::uint64_t number, std::size_t server, Upper& upper, std::size_t other,
            Lower& lower, std::optional<ProcessId> process = std::nullopt)
-        : number_(number), server_(server), other_(other), upper_(*this, upper), lower_(*this, lower),
-          up_(machine, upper_), down_(machine, lower_, process)
+        : number_(number),
+          server_(server),
+          other_(other),
+          upper_(*this, upper),
+          lower_(*this, lower),
+          up_(machine, upper_),
+          down_(machine, lower_, process)
     {}
 
     std::uint64_t Number() const { return number_; }

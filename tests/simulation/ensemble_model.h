@@ -32,8 +32,8 @@ struct EnsembleOptions
     int syncLimit = 5;
 };
 
-/// A model of a ZooKeeper ensemble: servers, the links between them, sessions, and connections of clients. Built on what
-/// was measured on real servers (docs/simulation.md says what, and how).
+/// A model of a ZooKeeper ensemble: servers, the links between them, sessions, and connections of clients. Built on
+/// what was measured on real servers (docs/simulation.md says what, and how).
 ///
 /// The processes of a simulation reach it through the simulated client library (simulated_client_library.cpp), whose
 /// functions replace the real ones at link time and find the ensemble through `Current`. A server's address is

@@ -66,8 +66,8 @@ StepOutcome Replica::Do(const Step& step, SessionId session, std::vector<Change>
     switch (step.kind)
     {
         case Step::Kind::Create:
-            outcome.rc = tree_.Create(step.path, step.ephemeral ? session : 0, step.sequential, outcome.createdPath,
-                                      step.data);
+            outcome.rc =
+                tree_.Create(step.path, step.ephemeral ? session : 0, step.sequential, outcome.createdPath, step.data);
             if (outcome.rc == ZOK)
             {
                 changes.push_back(Change{ZOO_CREATED_EVENT, outcome.createdPath});

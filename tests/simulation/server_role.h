@@ -28,10 +28,7 @@ struct Disk
     std::int64_t acceptedEpoch = 0;
     std::int64_t currentEpoch = 0;
 
-    TransactionNumber LastLogged() const
-    {
-        return logged.empty() ? replica.LastTransaction() : logged.back()->number;
-    }
+    TransactionNumber LastLogged() const { return logged.empty() ? replica.LastTransaction() : logged.back()->number; }
 };
 
 /// How a server that serves clients gets things agreed on. Outcomes go to `ClientService`.

@@ -7,7 +7,9 @@
 namespace kx::velmor::simulation {
 
 SessionTracker::SessionTracker(VirtualMachine& machine, Time tick, std::function<void(SessionId)> onExpired)
-    : machine_(machine), tick_(tick), phase_(machine.Random(static_cast<std::uint64_t>(tick.count()))),
+    : machine_(machine),
+      tick_(tick),
+      phase_(machine.Random(static_cast<std::uint64_t>(tick.count()))),
       onExpired_(std::move(onExpired))
 {}
 

@@ -74,7 +74,7 @@ ClientRequest Of(Kind kind, const char* path)
 Step Creation(const char* path, const char* data, int size, int flags)
 {
     Require((flags & ~(ZOO_EPHEMERAL | ZOO_SEQUENCE)) == 0, "unknown kind of node");
-    return Step{Step::Kind::Create, path, Text(data, size), -1, (flags & ZOO_EPHEMERAL) != 0,
+    return Step{Step::Kind::Create,         path, Text(data, size), -1, (flags & ZOO_EPHEMERAL) != 0,
                 (flags & ZOO_SEQUENCE) != 0};
 }
 

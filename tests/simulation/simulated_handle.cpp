@@ -32,8 +32,13 @@ std::uint64_t Password(const clientid_t& identity)
 SimulatedHandle::SimulatedHandle(VirtualMachine& machine, ClientNetwork& network, std::vector<std::size_t> servers,
                                  std::chrono::milliseconds timeout, const clientid_t* identity, zhandle_t* zh,
                                  ClientWatches::Watcher global)
-    : machine_(machine), network_(network), process_(machine.CurrentProcess()),
-      servers_(Shuffled(machine, std::move(servers))), zh_(zh), watches_(global), timeout_(timeout)
+    : machine_(machine),
+      network_(network),
+      process_(machine.CurrentProcess()),
+      servers_(Shuffled(machine, std::move(servers))),
+      zh_(zh),
+      watches_(global),
+      timeout_(timeout)
 {
     if (identity != nullptr)
     {
@@ -234,8 +239,7 @@ void SimulatedHandle::TellSessionEvent(int state)
 {
     for (const ClientWatches::Watcher& watcher : watches_.ForSessionEvent())
     {
-        completions_.Post(
-            [this, watcher, state] { watcher.first(zh_, ZOO_SESSION_EVENT, state, "", watcher.second); });
+        completions_.Post([this, watcher, state] { watcher.first(zh_, ZOO_SESSION_EVENT, state, "", watcher.second); });
     }
 }
 
@@ -280,8 +284,7 @@ void SimulatedHandle::FailPending(int rc)
 
 void SimulatedHandle::Complete(Completion completion, Answer answer)
 {
-    completions_.Post(
-        [completion = std::move(completion), answer = std::move(answer)] { completion(answer); });
+    completions_.Post([completion = std::move(completion), answer = std::move(answer)] { completion(answer); });
 }
 
 void SimulatedHandle::Attend()
@@ -303,8 +306,7 @@ void SimulatedHandle::Attend()
         // No heartbeat while an answer is owed.
         if (lastSent_ + third <= now && pending_.empty())
         {
-            static const auto ping = std::make_shared<const ClientRequest>();
-            Transmit(ping);
+            Transmit(std::make_shared<const ClientRequest>());
         }
         next = std::min(next, lastSent_ + third > now ? lastSent_ + third : now + third);
     }

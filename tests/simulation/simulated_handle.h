@@ -23,7 +23,8 @@ namespace kx::velmor::simulation {
 /// The work of the library's I/O thread takes place in events of the process that opened the handle, and so not while
 /// that process is paused. Events of watches and answers are told, in order, by a thread.
 ///
-/// Threads: everything runs on one thread of the operating system, and is interrupted only inside of `CompletionThread`.
+/// Threads: everything runs on one thread of the operating system, and is interrupted only inside of
+/// `CompletionThread`.
 class SimulatedHandle final : private ClientConnection::Lower
 {
 public:

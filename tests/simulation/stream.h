@@ -80,8 +80,8 @@ private:
         const Time now = machine_.Now();
         const Time when = waiting_.front().first > now ? waiting_.front().first : now + RandomLatency(machine_) / 10;
         lastArrival_ = std::max(lastArrival_, when);
-        event_ = process_ ? machine_.At(*process_, when, [this] { Deliver(); })
-                          : machine_.At(when, [this] { Deliver(); });
+        event_ =
+            process_ ? machine_.At(*process_, when, [this] { Deliver(); }) : machine_.At(when, [this] { Deliver(); });
         scheduled_ = true;
     }
 

@@ -97,8 +97,7 @@ int Trial::Check(const Step& step)
     {
         return ZNONODE;
     }
-    return step.version == NodeTree::kAnyVersion || step.version == node.version ? ZOK
-                                                                                  : static_cast<int>(ZBADVERSION);
+    return step.version == NodeTree::kAnyVersion || step.version == node.version ? ZOK : static_cast<int>(ZBADVERSION);
 }
 
 }  // namespace kx::velmor::simulation

@@ -9,8 +9,8 @@
 
 namespace kx::velmor::simulation {
 
-/// Tells what the steps of a transaction would come to, without touching the tree: a transaction of which one step fails
-/// must leave no trace.
+/// Tells what the steps of a transaction would come to, without touching the tree: a transaction of which one step
+/// fails must leave no trace.
 class Trial
 {
 public:

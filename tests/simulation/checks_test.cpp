@@ -104,6 +104,16 @@ TEST_F(ChecksTest, AnEpochMustNotComeTwice)
     EXPECT_EQ(Found(), Check::Epochs);
 }
 
+TEST_F(ChecksTest, AnEpochMustNotComeTwiceWithoutBeingSeen)
+{
+    Call(0, Callback::Leader, 5);
+    Call(0, Callback::LeaderLost);
+
+    Call(1, Callback::Leader, 5);
+
+    EXPECT_EQ(Found(), Check::Epochs);
+}
+
 TEST_F(ChecksTest, AnEpochMustNotBeSmallerThanTheOneBefore)
 {
     Lead(0, 5);
@@ -206,12 +216,17 @@ TEST_F(ChecksTest, CallbacksMustNotRunAtTheSameTime)
 
 TEST_F(ChecksTest, ALeadershipThatWasSeenMustBeTold)
 {
-    Call(0, Callback::Leader, 5);
-    SeeLeading(0b1);
+    Checks checks({Check::Flicker});
+    checks.Begin(milliseconds(1), 0, Callback::Leader, 5, true);
+    checks.End(milliseconds(1), 0, Callback::Leader);
+    checks.Leading(milliseconds(2), 0b1);
+    checks.Leading(milliseconds(3), 0b0);
+    checks.Begin(milliseconds(4), 0, Callback::LeaderLost, 0, false);
 
-    Call(0, Callback::LeaderLost);
+    checks.End(milliseconds(5), 0, Callback::LeaderLost);
 
-    EXPECT_TRUE(Found());
+    ASSERT_TRUE(checks.Found());
+    EXPECT_EQ(checks.Found()->check, Check::Callbacks);
 }
 
 TEST_F(ChecksTest, ACallbackMustNotFollowTheDestructor)

@@ -2,10 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <iterator>
 #include <random>
-#include <utility>
 
 namespace kx::velmor::simulation {
 
@@ -28,9 +25,8 @@ public:
             DrawAttack();
             now_ += Gap();
         }
-        const auto earlier = [](const Fault& one, const Fault& other) { return one.at < other.at; };
-        std::stable_sort(schedule_.faults.begin(), schedule_.faults.end(), earlier);
-        return std::move(schedule_);
+        // As it is read: in order, and without what does not belong to a fault.
+        return Parse(Print(schedule_));
     }
 
 private:

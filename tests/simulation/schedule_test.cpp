@@ -132,6 +132,7 @@ TEST(ScheduleDrawTest, GrantsNoTimeoutBelowTwoTicks)
     for (std::uint64_t seed = 0; seed < 2000; ++seed)
     {
         const Schedule schedule = DrawSchedule(seed);
+        ASSERT_GE(schedule.ensemble.limits.minSessionTimeout, 2 * schedule.ensemble.limits.tick);
         for (const Fault& fault : schedule.faults)
         {
             if (fault.kind == FaultKind::Limits)

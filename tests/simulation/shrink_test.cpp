@@ -70,6 +70,15 @@ TEST(ShrinkTest, ReturnsWhatCannotBeSimpler)
     EXPECT_EQ(Print(shortened), Print(schedule));
 }
 
+TEST(ShrinkTest, TriesOtherSeeds)
+{
+    const Schedule shortened = Shrink(
+        MadeUp(), [](const Schedule& simpler) { return simpler.seed == 2 || simpler.faults.size() == 20; }, kPlenty);
+
+    EXPECT_EQ(shortened.seed, 2U);
+    EXPECT_TRUE(shortened.faults.empty());
+}
+
 TEST(ShrinkTest, AsksNoMoreOftenThanItMay)
 {
     std::size_t asked = 0;

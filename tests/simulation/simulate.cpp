@@ -16,6 +16,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <set>
@@ -37,11 +38,21 @@ struct Arguments
     BatchOptions batches{};
     std::vector<std::string> without{};
     std::string replay{};
+    bool shorten = false;
     std::optional<std::uint64_t> draw{};
     std::string save{};
     std::size_t findings = 1;
     std::size_t shrinkRuns = 600;
 };
+
+/// Whether a schedule violates this check.
+std::function<bool(const Schedule&)> FailsIn(const Arguments& arguments, Check check)
+{
+    return [&arguments, check](const Schedule& schedule) {
+        const RunResult result = RunIsolated(schedule, arguments.batches.run);
+        return result.violation && result.violation->check == check;
+    };
+}
 
 double Seconds(Clock::duration duration)
 {
@@ -109,11 +120,7 @@ public:
 private:
     Schedule Shorten(const Schedule& drawn, const Violation& violation) const
     {
-        const auto stillFails = [&](const Schedule& schedule) {
-            const RunResult result = RunIsolated(schedule, arguments_.batches.run);
-            return result.violation && result.violation->check == violation.check;
-        };
-        if (violation.check != Check::Replay && !stillFails(drawn))
+        if (violation.check != Check::Replay && !FailsIn(arguments_, violation.check)(drawn))
         {
             std::cout << "  does NOT happen again when the schedule is played alone" << std::endl;
             return drawn;
@@ -127,7 +134,7 @@ private:
                                           : ", but ANOTHER ONE when played again")
                       << std::endl;
         }
-        return Shrink(drawn, stillFails, arguments_.shrinkRuns);
+        return Shrink(drawn, FailsIn(arguments_, violation.check), arguments_.shrinkRuns);
     }
 
     void Save(const std::string& signature, std::uint64_t index, const Violation& violation,
@@ -159,10 +166,15 @@ int Replay(const Arguments& arguments)
     {
         throw std::runtime_error("cannot read " + arguments.replay);
     }
-    const RunResult result = RunIsolated(Parse(text.str()), arguments.batches.run);
+    const Schedule schedule = Parse(text.str());
+    const RunResult result = RunIsolated(schedule, arguments.batches.run);
     std::cout << "fingerprint " << result.fingerprint << ", "
               << std::chrono::duration_cast<std::chrono::milliseconds>(result.length).count() << " ms of virtual time\n"
               << (result.violation ? "VIOLATION: " + Describe(*result.violation) : "no violation") << std::endl;
+    if (arguments.shorten && result.violation)
+    {
+        std::cout << Print(Shrink(schedule, FailsIn(arguments, result.violation->check), arguments.shrinkRuns));
+    }
     return result.violation ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
@@ -202,6 +214,7 @@ int main(int argc, char** argv)
     app.add_option("--shrink-runs", arguments.shrinkRuns, "How many runs to spend on shortening a schedule")
         ->capture_default_str();
     app.add_option("--replay", arguments.replay, "Play the schedule in this file, and nothing else");
+    app.add_flag("--shorten", arguments.shorten, "With --replay: shorten the schedule and print it");
     app.add_option("--draw", arguments.draw, "Print the schedule that this seed gives, and do nothing else");
     app.add_flag("--trace", arguments.batches.run.trace, "Print log, faults and leaders to stderr, in virtual time");
     app.footer("Exit status: 0 when nothing was violated, 1 when something was, 2 usage.");

@@ -32,10 +32,7 @@ class Simulation
 public:
     Simulation(const Schedule& schedule, const RunOptions& options);
     void Play();
-    RunResult Result() const
-    {
-        return {checks_.Found(), machine_.Fingerprint(), machine_.Now(), machine_.Threads() == 0};
-    }
+    RunResult Result() const;
 
 private:
     void StartProcess(std::size_t slot);
@@ -158,6 +155,23 @@ void Simulation::Play()
     {
         DiscardKilled();
     }
+}
+
+RunResult Simulation::Result() const
+{
+    RunResult result{checks_.Found(), machine_.Fingerprint(), machine_.Now(), machine_.Threads() == 0};
+    if (result.violation && result.violation->check == Check::Overlap)
+    {
+        result.violation->text += "; leases left:";
+        for (const auto& each : participants_.all)
+        {
+            if ((checks_.LeadingNow() >> each->Number() & 1) != 0)
+            {
+                result.violation->text += " " + std::to_string(each->LeaseLeft().count()) + " ms";
+            }
+        }
+    }
+    return result;
 }
 
 void Simulation::PlayFaults()

@@ -99,11 +99,7 @@ void ClientService::OnHandshake(Client& client, const Handshake& handshake)
         role_->CreateSession(session, client.timeout);
         return;
     }
-    const auto before = bySession_.find(handshake.session);
-    if (before != bySession_.end())
-    {
-        Close(before->second);
-    }
+    OnMoved(handshake.session);
     if (handshake.password != PasswordOf(handshake.session))
     {
         FinishHandshake(connection, handshake.session, false);
@@ -213,7 +209,8 @@ void ClientService::OnApplied(const Proposal& proposal, const Replica::Effect& e
     }
     else if (proposal.kind == Proposal::Kind::CloseSession)
     {
-        CloseSession(proposal.session);
+        waiting_.erase(proposal.session);
+        OnMoved(proposal.session);
     }
 }
 
@@ -233,7 +230,13 @@ void ClientService::Complete(SessionId session, std::uint64_t request, Answer an
     }
     const Waiting done = queue->second.front();
     queue->second.pop_front();
-    if (Client* const client = Find(done.connection))
+    if (answer.rc == ZSESSIONMOVED)
+    {
+        // Not an answer: a connection that the session has left is closed. When the session has not left it, since an
+        // attempt to connect elsewhere was only served late, the client comes back and owns the session again.
+        Close(done.connection);
+    }
+    else if (Client* const client = Find(done.connection))
     {
         answer.number = request;
         answer.path = done.request->path;
@@ -389,9 +392,8 @@ void ClientService::Close(std::uint64_t connection)
     client.connection->CloseUpper();
 }
 
-void ClientService::CloseSession(SessionId session)
+void ClientService::OnMoved(SessionId session)
 {
-    waiting_.erase(session);
     const auto found = bySession_.find(session);
     if (found != bySession_.end())
     {

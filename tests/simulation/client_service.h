@@ -33,6 +33,8 @@ public:
     void OnApplied(const Proposal& proposal, const Replica::Effect& effect);
     void OnRevalidated(SessionId session, bool valid);
     void OnSynced(SessionId session, std::uint64_t request);
+    /// The session has connected to another server, and this one knows.
+    void OnMoved(SessionId session);
 
 private:
     struct Client
@@ -66,7 +68,6 @@ private:
     bool Lost(Client& client, bool handshake);
     Client* Find(std::uint64_t connection);
     void Close(std::uint64_t connection);
-    void CloseSession(SessionId session);
 
     ServerWorld& world_;
     const std::size_t server_;

@@ -20,7 +20,12 @@ ServerMessage Message(ServerMessage::Kind kind)
 
 LeaderRole::LeaderRole(ServerWorld& world, std::size_t server, Disk& disk, ClientService& clients, std::int64_t epoch,
                        std::function<void()> onLost)
-    : world_(world), server_(server), disk_(disk), clients_(clients), epoch_(epoch), onLost_(std::move(onLost)),
+    : world_(world),
+      server_(server),
+      disk_(disk),
+      clients_(clients),
+      epoch_(epoch),
+      onLost_(std::move(onLost)),
       tickTime_(world.Options().limits.tick)
 {}
 
@@ -86,6 +91,11 @@ void LeaderRole::OnMessage(ServerLink& link, ServerMessage message)
             ServerMessage answer = Message(ServerMessage::Kind::Revalidated);
             answer.session = message.session;
             answer.valid = RevalidateFrom(link.Other(), message.session, message.timeout);
+            if (answer.valid)
+            {
+                // Other followers do not learn that a session has left them.
+                clients_.OnMoved(message.session);
+            }
             link.SendDown(std::move(answer));
             break;
         }
@@ -357,7 +367,8 @@ void LeaderRole::Thaw()
     }
     if (!tickEvent_)
     {
-        tickEvent_ = world_.Machine().At(world_.Machine().Now() + RandomLatency(world_.Machine()), [this] { OnTick(); });
+        tickEvent_ =
+            world_.Machine().At(world_.Machine().Now() + RandomLatency(world_.Machine()), [this] { OnTick(); });
     }
     for (const auto& [server, follower] : followers_)
     {

@@ -19,8 +19,8 @@ namespace kx::velmor::simulation {
 /// A server that leads the ensemble, or is about to.
 ///
 /// It shows its followers all that it has, and is established once a quorum has that on disk. Then it numbers writes,
-/// sends them out in order, and applies each as soon as a quorum has it. It counts the time of sessions. Every half tick
-/// it pings its followers, and at every full tick it looks whether it has heard from a quorum lately.
+/// sends them out in order, and applies each as soon as a quorum has it. It counts the time of sessions. Every half
+/// tick it pings its followers, and at every full tick it looks whether it has heard from a quorum lately.
 class LeaderRole final : public ServerRole
 {
 public:

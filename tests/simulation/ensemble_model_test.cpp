@@ -268,6 +268,23 @@ TEST(EnsembleModelTest, AgreedWritesOutliveTheLeader)
     });
 }
 
+TEST(EnsembleModelTest, ServerWithTheNewestDataLeads)
+{
+    WithSeeds([](World& world) {
+        const std::size_t behind = world.Follower();
+        const std::size_t newest = world.OtherFollower();
+        const std::size_t leader = world.Leader();
+        world.ensemble.Kill(behind);
+        ASSERT_TRUE(world.client.Connect(leader, seconds(20)));
+        ASSERT_EQ(world.client.Create("/a"), ZOK);
+        world.ensemble.Kill(leader);
+        world.ensemble.Start(behind);
+        world.When([&] { return world.ensemble.Leader().has_value(); });
+        EXPECT_EQ(world.Leader(), newest);
+        EXPECT_TRUE(world.ensemble.Has("/a"));
+    });
+}
+
 TEST(EnsembleModelTest, FollowerThatIsCutOffAnswersReadsWhileTheSessionEnds)
 {
     WithSeeds({3, kLimits, 20}, [](World& world) {
@@ -305,7 +322,7 @@ TEST(EnsembleModelTest, RefusalsThatAServerGivesAloneTouchTheSessionThereOnly)
         ClientRequest transaction;
         transaction.kind = ClientRequest::Kind::Write;
         transaction.transaction = true;
-        transaction.steps.push_back(Step{Step::Kind::Check, "/zookeeper"});
+        transaction.steps.push_back(Step{Step::Kind::Create, "/zookeeper/none"});
         world.client.Send(std::move(transaction));
         EXPECT_FALSE(world.client.AwaitAnswer());
     });

@@ -1,5 +1,6 @@
 // The real session and the real candidate, on modelled servers.
 
+#include "tests/simulation/client_watches.h"
 #include "tests/simulation/ensemble_model.h"
 #include "tests/simulation/virtual_machine.h"
 
@@ -169,7 +170,9 @@ TEST(SimulatedClientLibraryTest, ServersTellOfAnExpiryOnceTheyAreReached)
         EXPECT_FALSE(world.ensemble.Has("/a"));
         EXPECT_EQ(world.session->Status().state, SessionState::Suspended);
         world.ensemble.Heal(world.process, std::nullopt);
-        EXPECT_TRUE(world.AwaitState(SessionState::Connected));
+        // Sooner than a session gives up by itself.
+        World::Pass(kTimeout / 2);
+        EXPECT_EQ(world.session->Status().state, SessionState::Connected);
         EXPECT_NE(world.session->ClientId()->client_id, identity);
     });
 }
@@ -219,6 +222,60 @@ TEST(SimulatedClientLibraryTest, NodeEventsComeOnceAlsoWhenTheyWereMissed)
         world.ensemble.Delete("/a");
         World::Pass(milliseconds(100));
         EXPECT_EQ(events, (std::vector<int>{ZOO_CREATED_EVENT, ZOO_DELETED_EVENT}));
+    });
+}
+
+TEST(ClientWatchesTest, WatchersAreToldOfANodeEventOnce)
+{
+    const auto watcher = [](zhandle_t*, int, int, const char*, void*) {};
+    int contexts[2];
+    const ClientWatches::Watcher global(watcher, nullptr);
+    const ClientWatches::Watcher one(watcher, &contexts[0]);
+    const ClientWatches::Watcher other(watcher, &contexts[1]);
+    ClientWatches watches(global);
+    watches.Add("/a", true, one);
+    watches.Add("/a", true, one);
+    watches.Add("/a", false, one);
+    watches.Add("/a", true, other);
+    watches.Add("/b", false, one);
+    watches.Add("/b", false, global);
+    EXPECT_EQ(watches.ForSessionEvent(), (ClientWatches::Watchers{one, other, global}));
+    EXPECT_EQ(watches.Take("/a"), (ClientWatches::Watchers{one, other}));
+    EXPECT_EQ(watches.Take("/a"), ClientWatches::Watchers());
+    EXPECT_TRUE(watches.Remove("/b", one));
+    EXPECT_FALSE(watches.Remove("/b", one));
+    EXPECT_EQ(watches.Take("/b"), ClientWatches::Watchers{global});
+    EXPECT_TRUE(watches.Empty());
+}
+
+TEST(SimulatedClientLibraryTest, HeartbeatsKeepAnIdleSession)
+{
+    WithSeeds([](World& world) {
+        const auto identity = world.session->ClientId()->client_id;
+        int losses = 0;
+        const Registration registration = world.session->OnStateChange(
+            [&](const SessionStatus& status) { losses += status.state == SessionState::Suspended ? 1 : 0; });
+        World::Pass(10 * kTimeout);
+        EXPECT_EQ(losses, 0);
+        EXPECT_EQ(world.session->ClientId()->client_id, identity);
+    });
+}
+
+TEST(SimulatedClientLibraryTest, ClosingEndsTheSessionOrGivesUpAfterAWhile)
+{
+    WithSeeds([](World& world) {
+        Time before = world.machine.Now();
+        world.session->Close();
+        EXPECT_LT(world.machine.Now(), before + milliseconds(150));
+        EXPECT_EQ(world.ensemble.Sessions(), 0U);
+
+        world.session = Session::Open(world.Options());
+        ASSERT_EQ(world.session->Exists("/", nullptr), ZOK);
+        before = world.machine.Now();
+        world.ensemble.Freeze(*world.ensemble.ConnectedServer(world.process));
+        world.session->Close();
+        EXPECT_GE(world.machine.Now(), before + milliseconds(1500));
+        EXPECT_LT(world.machine.Now(), before + milliseconds(1700));
     });
 }
 

@@ -7,11 +7,11 @@ Time RandomLatency(VirtualMachine& machine)
     constexpr std::chrono::microseconds kMin{100};
     constexpr std::chrono::microseconds kMax{1000};
     constexpr std::chrono::milliseconds kMaxSlow{30};
-    constexpr std::uint64_t kOneInSlow = 100;
-    const auto draw = static_cast<std::int64_t>(machine.Random(kOneInSlow * 10'000));
-    const bool slow = draw % kOneInSlow == 0;
-    const Time range = slow ? Time(kMaxSlow) : Time(kMax - kMin);
-    return Time(kMin) + range / 10'000 * (draw / static_cast<std::int64_t>(kOneInSlow));
+    constexpr std::int64_t kOneInSlow = 100;
+    constexpr std::int64_t kSteps = 10'000;
+    const auto draw = static_cast<std::int64_t>(machine.Random(static_cast<std::uint64_t>(kOneInSlow * kSteps)));
+    const Time range = draw % kOneInSlow == 0 ? Time(kMaxSlow) : Time(kMax - kMin);
+    return Time(kMin) + range / kSteps * (draw / kOneInSlow);
 }
 
 }  // namespace kx::velmor::simulation

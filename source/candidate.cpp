@@ -104,16 +104,11 @@ void Candidate::Stop()
 
 bool Candidate::IsLeader() const noexcept
 {
-    // In this order, since most candidates do not lead. The lease and the clock take no lock.
-    return core_->IsLeader() && !core_->Inherited();
+    return core_->IsLeader();
 }
 
 std::chrono::milliseconds Candidate::LeaseLeft() const noexcept
 {
-    if (core_->Inherited())
-    {
-        return std::chrono::milliseconds(0);
-    }
     return std::chrono::floor<std::chrono::milliseconds>(std::max(core_->LeaseLeft(), BootClock::duration::zero()));
 }
 

@@ -80,7 +80,7 @@ BootClock::duration Lease::Left() noexcept
         const BootClock::time_point now = now_();
         if (now < end)
         {
-            return end - now;
+            return mark_.Inherited() ? BootClock::duration::zero() : end - now;
         }
         Replace(end, BootClock::time_point());
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "source/fork_mark.h"
 #include "source/sync.h"
 
 #include <kx/velmor/boot_clock.h>
@@ -39,7 +40,7 @@ public:
     bool SessionEnded(std::int64_t session) const;
 
     /// How much longer it lasts unless it is extended; 0 when no leadership has it. Once this was 0, or `Holds` false,
-    /// within a leadership, it stays so on every thread until the next `Grant`. Lock-free.
+    /// within a leadership, it stays so on every thread until the next `Grant`. Always 0 in a forked child. Lock-free.
     BootClock::duration Left() noexcept;
 
     /// Whether `leadership` has it. Lock-free.
@@ -61,6 +62,7 @@ private:
     std::atomic<std::uint64_t> leadership_{0};
 
     const Now now_;
+    const ForkMark mark_;
 
     mutable Mutex mutex_;
     std::int64_t ended_ KX_GUARDED_BY(mutex_) = 0;

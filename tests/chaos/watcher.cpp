@@ -59,7 +59,7 @@ void Watcher::Look()
     // The flag outlives the session in which it was set; the next session may be connected before the owner has
     // started the candidate again.
     const bool certain = flag && status.state == SessionState::Connected && status.sessionId == stay.session &&
-                         status.lastHeard && now < *status.lastHeard + status.negotiatedTimeout;
+                         status.leaseEnd && now < *status.leaseEnd;
     byFlag_.Look(flag, stay.number, ToInstant(now));
     bySession_.Look(certain, stay.number, ToInstant(now));
     if (flag != freshKept_)

@@ -246,7 +246,7 @@ protected:
             service_.Delete(parent);
         }
         successor_ = Join(service_.Open(), "successor");
-        ASSERT_EQ(successor_->TryToClaim(), QueuePlace::Claim::Made);
+        ASSERT_EQ(successor_->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Made);
     }
 
     const std::shared_ptr<testing::MemorySession> memorySession_ = service_.Open();
@@ -258,8 +258,8 @@ TEST_F(QueuePlaceTest, ClaimWhoseReplyWasLostIsRecognised)
 {
     const auto place = Join(session_, "1");
     service_.LoseReply(*memorySession_);
-    EXPECT_THROW(place->TryToClaim(), ZooError);
-    EXPECT_EQ(place->TryToClaim(), QueuePlace::Claim::Made);
+    EXPECT_THROW(place->TryToClaim(milliseconds(6'000)), ZooError);
+    EXPECT_EQ(place->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Made);
     TransactionResult result;
     EXPECT_EQ(session_->Transact(place->Guards(), result), ZOK);
     place->Leave();
@@ -270,29 +270,29 @@ TEST_F(QueuePlaceTest, LostReplyOfAClaimThatIsGoneDoesNotLead)
 {
     const auto place = Join(session_, "1");
     service_.LoseReply(*memorySession_);
-    EXPECT_THROW(place->TryToClaim(), ZooError);
+    EXPECT_THROW(place->TryToClaim(milliseconds(6'000)), ZooError);
     service_.Delete(kClaim);
-    EXPECT_EQ(place->TryToClaim(), QueuePlace::Claim::Outdated);
+    EXPECT_EQ(place->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Outdated);
 }
 
 TEST_F(QueuePlaceTest, SecondPlaceOfOneNodeDoesNotLead)
 {
     const auto first = Join(session_, "1");
-    ASSERT_EQ(first->TryToClaim(), QueuePlace::Claim::Made);
+    ASSERT_EQ(first->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Made);
     const auto second = Join(session_, "1");
     ASSERT_EQ(second->Path(), first->Path());
-    EXPECT_EQ(second->TryToClaim(), QueuePlace::Claim::Outdated);
+    EXPECT_EQ(second->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Outdated);
 }
 
 TEST_F(QueuePlaceTest, ClaimOfAnEarlierPlaceIsTakenBackAndDoesNotLead)
 {
     const auto first = Join(session_, "1");
-    ASSERT_EQ(first->TryToClaim(), QueuePlace::Claim::Made);
+    ASSERT_EQ(first->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Made);
     const std::string name = first->Node();
     service_.Delete(kElection + "/" + name);
     const auto second = Join(session_, "1");
     ASSERT_NE(second->Node(), name);
-    EXPECT_EQ(second->TryToClaim(), QueuePlace::Claim::Outdated);
+    EXPECT_EQ(second->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Outdated);
     second->Leave();
     EXPECT_THAT(Identities(), Not(Contains("leader")));
 }
@@ -300,7 +300,7 @@ TEST_F(QueuePlaceTest, ClaimOfAnEarlierPlaceIsTakenBackAndDoesNotLead)
 TEST_F(QueuePlaceTest, NodesMadeAnewJustBeforeItLeavesStay)
 {
     const auto place = Join(session_, "1");
-    ASSERT_EQ(place->TryToClaim(), QueuePlace::Claim::Made);
+    ASSERT_EQ(place->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Made);
     session_->Before("transaction", [this] { MakeAnew(); });
     place->Leave();
     EXPECT_THAT(Identities(), Contains("leader"));
@@ -310,7 +310,7 @@ TEST_F(QueuePlaceTest, NodesMadeAnewJustBeforeAFoundClaimIsDeletedStay)
 {
     const auto place = Join(session_, "1");
     service_.LoseReply(*memorySession_);
-    EXPECT_THROW(place->TryToClaim(), ZooError);
+    EXPECT_THROW(place->TryToClaim(milliseconds(6'000)), ZooError);
     // The last read before the claim is deleted comes after that of the parent.
     session_->Before("data " + kIdentities, [this] { session_->Before("transaction", [this] { MakeAnew(); }); });
     place->Leave();
@@ -321,7 +321,7 @@ TEST_F(QueuePlaceTest, NodesMadeAnewJustBeforeAFoundClaimIsDeletedStay)
 TEST_F(QueuePlaceTest, ClaimWithoutItsIdentityIsTakenBack)
 {
     const auto place = Join(session_, "1");
-    ASSERT_EQ(place->TryToClaim(), QueuePlace::Claim::Made);
+    ASSERT_EQ(place->TryToClaim(milliseconds(6'000)), QueuePlace::Claim::Made);
     service_.Delete(IdentityPath(kElection, place->Node(), session_->ClientId()->client_id));
     place->Leave();
     ExpectNobody();

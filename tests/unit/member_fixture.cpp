@@ -88,7 +88,6 @@ void MemberTest::ExpectNobody() const
 {
     EXPECT_THAT(Queue(), ::testing::IsEmpty());
     EXPECT_THAT(Identities(), ::testing::IsEmpty());
-    EXPECT_EQ(LeftLease(), "");
 }
 
 void MemberTest::ExpectWhole(const std::vector<Member*>& members)

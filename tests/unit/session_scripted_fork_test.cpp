@@ -82,7 +82,7 @@ TEST_F(ForkWithASession, ChildClosesAndDestroysItWithoutTheParentsNotice)
     });
     Registration hearing = session->OnHeard([](std::int64_t, BootClock::time_point) {});
     Registration endings = session->OnEnding([](std::int64_t) {});
-    library.Expect(Sent::Delete, "/zookeeper/no-such-node", Always(Code(ZNONODE)));
+    library.Expect(Sent::Transact, "check /zookeeper/no-such-node", Always(Code(ZNONODE)));
     Registration freshness = session->KeepFresh();
     inCallback.Pass();
     EXPECT_EQ(FindInChildOfABusyParent(*session,

@@ -204,7 +204,7 @@ TEST_F(CandidateLeavingTest, LateLeaverLeavesTheClaimOfItsSuccessor)
     ours.Become(Role::Leader);
     service_.Delete(PathOf(ours));
     told.get_future().wait();
-    for (const std::string& name : Identities())
+    for (const std::string& name : service_.Children(kIdentities))
     {
         service_.Delete(kIdentities + "/" + name);
     }

@@ -93,7 +93,7 @@ void Checks::Report(Check check, Time now, const std::string& text)
     }
 }
 
-void Checks::Leading(Time now, Participants participants)
+void Checks::Leading(Time now, Participants participants, Participants unaware)
 {
     const Participants risen = participants & ~leading_;
     leading_ = participants;
@@ -104,7 +104,8 @@ void Checks::Leading(Time now, Participants participants)
             Rise(now, each);
         }
     }
-    if ((participants & (participants - 1)) != 0)
+    const Participants aware = participants & ~unaware;
+    if ((aware & (aware - 1)) != 0)
     {
         std::string text = "more than one leads:";
         for (Participant each = 0; each < kMaxParticipants; ++each)

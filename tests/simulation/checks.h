@@ -74,8 +74,9 @@ public:
 
     explicit Checks(std::set<Check> without) : without_(std::move(without)) {}
 
-    /// The participants that lead from now on, by their own word.
-    void Leading(Time now, Participants participants);
+    /// The participants that lead from now on, by their own word. Those in `unaware` may lead beside another one: no
+    /// client in their place can know better.
+    void Leading(Time now, Participants participants, Participants unaware = 0);
 
     /// A callback begins. `epoch` is the leadership's, for `Leader` only; `leads` tells whether the leadership that was
     /// told last still stands.

@@ -61,6 +61,14 @@ TEST_F(ChecksTest, LeadershipsInTurnAreRight)
     EXPECT_EQ(Found(), std::nullopt);
 }
 
+TEST_F(ChecksTest, LeaderThatCannotKnowBetterMayLeadBesideAnotherOne)
+{
+    checks_.Leading(milliseconds(1), 0b011, 0b001);
+    EXPECT_FALSE(Found());
+    checks_.Leading(milliseconds(2), 0b111, 0b001);
+    EXPECT_EQ(Found(), Check::Overlap);
+}
+
 TEST_F(ChecksTest, TwoLeadersOverlap)
 {
     SeeLeading(0b00100);

@@ -55,6 +55,29 @@ std::optional<std::size_t> ClientNetwork::ConnectedServer(ProcessId process) con
     return newest && newest->Open() ? std::optional<std::size_t>(newest->Server()) : std::nullopt;
 }
 
+void ClientNetwork::OnTimeoutGranted(SessionId session, std::chrono::milliseconds timeout)
+{
+    const auto granted = granted_.emplace(session, timeout).first;
+    granted->second = std::min(granted->second, timeout);
+}
+
+void ClientNetwork::OnTimeoutKnown(ProcessId process, SessionId session, std::chrono::milliseconds timeout)
+{
+    Process& state = processes_[process];
+    state.timeout = session == state.session ? std::min(state.timeout, timeout) : timeout;
+    state.session = session;
+}
+
+std::optional<EnsembleModel::SessionTimeouts> ClientNetwork::Timeouts(ProcessId process) const
+{
+    const auto found = processes_.find(process);
+    if (found == processes_.end() || found->second.session == 0)
+    {
+        return std::nullopt;
+    }
+    return EnsembleModel::SessionTimeouts{found->second.timeout, granted_.at(found->second.session)};
+}
+
 void ClientNetwork::Cut(ProcessId process, std::optional<std::size_t> server)
 {
     ForEach(process, server, [&](ClientConnection& connection) {

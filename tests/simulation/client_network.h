@@ -26,6 +26,10 @@ public:
     bool LosesAnswer(ProcessId process, bool handshake);
     void OnConnected(const ClientConnection& connection);
     std::optional<std::size_t> ConnectedServer(ProcessId process) const;
+    void OnTimeoutGranted(SessionId session, std::chrono::milliseconds timeout);
+    /// The process has read the answer to its handshake.
+    void OnTimeoutKnown(ProcessId process, SessionId session, std::chrono::milliseconds timeout);
+    std::optional<EnsembleModel::SessionTimeouts> Timeouts(ProcessId process) const;
 
     // Faults: see `EnsembleModel`.
     void Cut(ProcessId process, std::optional<std::size_t> server);
@@ -56,6 +60,9 @@ private:
         bool losesAnswer = false;
         bool losesHandshake = false;
         bool gone = false;
+        /// The newest one.
+        SessionId session = 0;
+        std::chrono::milliseconds timeout{0};
     };
 
     void Change(ProcessId process, std::optional<std::size_t> server, const std::function<void(Path&)>& change);
@@ -66,6 +73,8 @@ private:
     VirtualMachine& machine_;
     EnsembleServers& servers_;
     std::map<ProcessId, Process> processes_;
+    /// The smallest of each session.
+    std::map<SessionId, std::chrono::milliseconds> granted_;
     std::uint64_t connections_ = 0;
 };
 

@@ -96,6 +96,7 @@ void ClientService::OnHandshake(Client& client, const Handshake& handshake)
     {
         const SessionId session = world_.NewSession(server_);
         associating_[session] = connection;
+        world_.OnTimeoutGranted(session, client.timeout);
         role_->CreateSession(session, client.timeout);
         return;
     }
@@ -106,6 +107,7 @@ void ClientService::OnHandshake(Client& client, const Handshake& handshake)
         return;
     }
     associating_[handshake.session] = connection;
+    world_.OnTimeoutGranted(handshake.session, client.timeout);
     role_->Revalidate(handshake.session, client.timeout);
 }
 

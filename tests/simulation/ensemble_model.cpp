@@ -80,6 +80,10 @@ private:
     bool LosesAnswer(ProcessId process, bool handshake) override { return network_.LosesAnswer(process, handshake); }
     void OnLooking(std::size_t server) override { election_.Look(server); }
     void OnClientConnected(const ClientConnection& connection) override { network_.OnConnected(connection); }
+    void OnTimeoutGranted(SessionId session, std::chrono::milliseconds timeout) override
+    {
+        network_.OnTimeoutGranted(session, timeout);
+    }
     void OnEstablished(std::size_t server) override
     {
         lastLeader_ = server;
@@ -152,6 +156,11 @@ std::string EnsembleModel::Addresses() const
 std::optional<std::size_t> EnsembleModel::Leader() const
 {
     return impl_->Leader();
+}
+
+std::optional<EnsembleModel::SessionTimeouts> EnsembleModel::Timeouts(ProcessId process) const
+{
+    return impl_->Network().Timeouts(process);
 }
 
 std::optional<std::size_t> EnsembleModel::ConnectedServer(ProcessId process) const

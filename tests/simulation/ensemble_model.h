@@ -60,6 +60,17 @@ public:
     /// The server to which this process' newest connection goes; empty while there is none.
     std::optional<std::size_t> ConnectedServer(ProcessId process) const;
 
+    /// The smallest timeouts of one session.
+    struct SessionTimeouts
+    {
+        /// Of those that the process has heard of.
+        std::chrono::milliseconds known;
+        /// Of all that servers have granted: an answer to a handshake may be lost, late, or not read yet.
+        std::chrono::milliseconds granted;
+    };
+    /// Of the newest session that the process knows of; empty before the first.
+    std::optional<SessionTimeouts> Timeouts(ProcessId process) const;
+
     // Faults of servers.
     void Kill(std::size_t server);
     /// Comes back with its data.

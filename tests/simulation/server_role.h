@@ -65,6 +65,8 @@ public:
     virtual void OnLooking(std::size_t server) = 0;
     virtual void OnEstablished(std::size_t server) = 0;
     virtual void OnClientConnected(const ClientConnection& connection) = 0;
+    /// From now on the servers may count with this timeout, whether or not the process hears of it.
+    virtual void OnTimeoutGranted(SessionId session, std::chrono::milliseconds timeout) = 0;
 
 protected:
     ~ServerWorld() = default;

@@ -141,6 +141,7 @@ void SimulatedHandle::OnHandshake(const Handshake& answer)
         return;
     }
     timeout_ = answer.timeout;
+    network_.OnTimeoutKnown(process_, answer.session, answer.timeout);
     identity_.client_id = answer.session;
     std::memcpy(identity_.passwd, &answer.password, sizeof(answer.password));
     phase_ = Phase::Connected;

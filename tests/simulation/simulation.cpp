@@ -37,6 +37,7 @@ public:
 private:
     void StartProcess(std::size_t slot);
     Time Look();
+    Checks::Participants Unaware(Checks::Participants leading) const;
     void PlayFaults();
     void AwaitStableLeader();
     void StopAll();
@@ -113,7 +114,7 @@ Time Simulation::Look()
     const Time now = machine_.Now();
     if (leading != checks_.LeadingNow())
     {
-        checks_.Leading(now, leading);
+        checks_.Leading(now, leading, Unaware(leading));
         leaseLook_ = Time();
         if (options_.trace)
         {
@@ -134,6 +135,27 @@ Time Simulation::Look()
         }
     }
     return leaseLook_;
+}
+
+/// A leader whose session the servers may end before its lease is over: they have granted it less than it has heard of.
+/// It is no defect when the successor cannot tell either, because it was granted as much as that leader had.
+Checks::Participants Simulation::Unaware(Checks::Participants leading) const
+{
+    Checks::Participants unaware = 0;
+    for (const auto& each : participants_.all)
+    {
+        const auto timeouts = ensemble_.Timeouts(each->Process());
+        if ((leading >> each->Number() & 1) == 0 || !timeouts || timeouts->granted >= timeouts->known)
+        {
+            continue;
+        }
+        const bool others = std::all_of(participants_.all.begin(), participants_.all.end(), [&](const auto& other) {
+            const auto its = ensemble_.Timeouts(other->Process());
+            return other == each || (leading >> other->Number() & 1) == 0 || !its || its->known >= timeouts->known;
+        });
+        unaware |= others ? Checks::Participants{1} << each->Number() : 0;
+    }
+    return unaware;
 }
 
 void Simulation::Play()

@@ -207,8 +207,8 @@ public:
     /// does not begin before this one has finished. Does nothing on a candidate that takes no part.
     ///
     /// Blocks until callbacks have returned and the node is deleted. It does not wait for a server that cannot be
-    /// reached, or that refuses the deletion (`Error` tells then, and the next one in line cannot lead): the deletion is
-    /// repeated in the background until it succeeds or the session ends. The session is kept open for that. In a
+    /// reached, or that refuses the deletion (`Error` tells then, and the next one in line cannot lead): the deletion
+    /// is repeated in the background until it succeeds or the session ends. The session is kept open for that. In a
     /// callback of this candidate `Stop` does not block: all of that happens when the callback has returned.
     void Stop();
 

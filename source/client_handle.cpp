@@ -93,12 +93,14 @@ int ClientHandle::Submit(Kind kind, const std::shared_ptr<Request>& request, Fun
     {
         return ZCLOSING;
     }
-    auto owned = std::make_unique<Call>(
-        Call{this, request, std::move(watchedPath), kind, BootClock::now(), std::move(outcomes)});
-    const Call* const call = owned.get();
+    const Call* call = nullptr;
     {
         const MutexLock callsLock(callsMutex_);
-        calls_.emplace(call, std::move(owned));
+        const std::uint64_t number = ++callsMade_;
+        auto owned = std::make_unique<Call>(
+            Call{this, number, request, std::move(watchedPath), kind, BootClock::now(), std::move(outcomes)});
+        call = owned.get();
+        calls_.emplace(number, std::move(owned));
     }
     const int rc = function(zh_, static_cast<const void*>(call));
     if (rc == ZOK)
@@ -107,7 +109,7 @@ int ClientHandle::Submit(Kind kind, const std::shared_ptr<Request>& request, Fun
     }
     {
         const MutexLock callsLock(callsMutex_);
-        calls_.erase(call);
+        calls_.erase(call->number);
     }
     // The library reports whatever stops it from queueing as a failure to marshal, the end of the session included.
     return rc == ZMARSHALLINGERROR && is_unrecoverable(zh_) != ZOK ? static_cast<int>(ZINVALIDSTATE) : rc;
@@ -234,7 +236,7 @@ void ClientHandle::Close(int rc)
     std::vector<std::shared_ptr<Request>> waiting;
     {
         const MutexLock lock(callsMutex_);
-        for (const auto& [call, owned] : calls_)
+        for (const auto& [number, owned] : calls_)
         {
             waiting.push_back(owned->request);
         }
@@ -278,7 +280,7 @@ void ClientHandle::LeaveCallback(bool final)
 std::unique_ptr<ClientHandle::Call> ClientHandle::Take(const void* data)
 {
     const MutexLock lock(callsMutex_);
-    const auto found = calls_.find(static_cast<const Call*>(data));
+    const auto found = calls_.find(static_cast<const Call*>(data)->number);
     std::unique_ptr<Call> call = std::move(found->second);
     calls_.erase(found);
     return call;

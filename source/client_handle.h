@@ -13,10 +13,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kx::velmor {
@@ -113,6 +113,8 @@ private:
     struct Call
     {
         ClientHandle* handle;
+        /// In the order in which calls were made.
+        std::uint64_t number;
         std::shared_ptr<Request> request;
         std::string watchedPath;
         Kind kind;
@@ -167,8 +169,10 @@ private:
     zhandle_t* zh_ KX_GUARDED_BY(gate_) = nullptr;
 
     Mutex callsMutex_;
-    /// Calls that the library has not answered. It may never do so once a handle is closed, so they are owned here.
-    std::unordered_map<const Call*, std::unique_ptr<Call>> calls_ KX_GUARDED_BY(callsMutex_);
+    std::uint64_t callsMade_ KX_GUARDED_BY(callsMutex_) = 0;
+    /// Calls that the library has not answered, by number. It may never do so once a handle is closed, so they are
+    /// owned here.
+    std::map<std::uint64_t, std::unique_ptr<Call>> calls_ KX_GUARDED_BY(callsMutex_);
 };
 
 }  // namespace kx::velmor

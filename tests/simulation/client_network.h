@@ -27,7 +27,7 @@ public:
     void OnConnected(const ClientConnection& connection);
     std::optional<std::size_t> ConnectedServer(ProcessId process) const;
     void OnTimeoutGranted(SessionId session, std::chrono::milliseconds timeout);
-    /// The process has read the answer to its handshake.
+    /// The process has dealt with the answer to its handshake.
     void OnTimeoutKnown(ProcessId process, SessionId session, std::chrono::milliseconds timeout);
     std::optional<EnsembleModel::SessionTimeouts> Timeouts(ProcessId process) const;
 

@@ -65,7 +65,7 @@ public:
     {
         /// Of those that the process has heard of.
         std::chrono::milliseconds known;
-        /// Of all that servers have granted: an answer to a handshake may be lost, late, or not read yet.
+        /// Of all that servers have granted: an answer to a handshake may be lost, late, or not dealt with yet.
         std::chrono::milliseconds granted;
     };
     /// Of the newest session that the process knows of; empty before the first.

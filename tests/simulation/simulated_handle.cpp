@@ -141,13 +141,13 @@ void SimulatedHandle::OnHandshake(const Handshake& answer)
         return;
     }
     timeout_ = answer.timeout;
-    network_.OnTimeoutKnown(process_, answer.session, answer.timeout);
     identity_.client_id = answer.session;
     std::memcpy(identity_.passwd, &answer.password, sizeof(answer.password));
     phase_ = Phase::Connected;
     attempts_ = 0;
     ShowWatches();
     TellSessionEvent(ZOO_CONNECTED_STATE);
+    completions_.Post([this, answer] { network_.OnTimeoutKnown(process_, answer.session, answer.timeout); });
     for (std::size_t i = 0; i < pending_.size() && phase_ == Phase::Connected; ++i)
     {
         Send(pending_[i].request);

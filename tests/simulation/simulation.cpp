@@ -64,6 +64,7 @@ private:
     Injector injector_;
     /// Until then nothing can change by the clock alone.
     Time leaseLook_{};
+    Checks::Participants unaware_ = 0;
 };
 
 Simulation::Simulation(const Schedule& schedule, const RunOptions& options)
@@ -114,7 +115,8 @@ Time Simulation::Look()
     const Time now = machine_.Now();
     if (leading != checks_.LeadingNow())
     {
-        checks_.Leading(now, leading, Unaware(leading));
+        unaware_ = (unaware_ & leading) | Unaware(leading);
+        checks_.Leading(now, leading, unaware_);
         leaseLook_ = Time();
         if (options_.trace)
         {
@@ -138,7 +140,8 @@ Time Simulation::Look()
 }
 
 /// A leader whose session the servers may end before its lease is over: they have granted it less than it has heard of.
-/// It is no defect when the successor cannot tell either, because it was granted as much as that leader had.
+/// It is no defect when the successor cannot tell either, because it was granted as much as that leader had. What the
+/// leader left behind is lost then, so that later successors cannot tell either.
 Checks::Participants Simulation::Unaware(Checks::Participants leading) const
 {
     Checks::Participants unaware = 0;

@@ -67,6 +67,8 @@ std::string UnrestBesides(const Ending& ending, const std::string& path)
         expected[IdentityPath(path, node.name, node.owner)] = node.owner;
     }
     expected[ClaimPath(path)] = ending.queue.front().owner;
+    // Persistent, and there for as long as a candidate leads.
+    expected[LeasePath(path)] = 0;
     for (const QueueNode& node : ending.besides)
     {
         const auto found = expected.find(IdentitiesPath(path) + "/" + node.name);

@@ -11,7 +11,6 @@ class CandidateClaimTest : public MemberTest
 {
 protected:
     static constexpr milliseconds kShortTimeout{1'500};
-    static constexpr milliseconds kShortLease{1'000};
 
     /// Ends the session behind its owner's back, which leads on until its lease is over.
     void EndSessionOf(Member& member, milliseconds timeout)

@@ -21,9 +21,10 @@ namespace kx::velmor {
 /// the lead while it leads.
 ///
 /// The order of the queue alone does not keep two from leading: whoever deletes a leader's node promotes the next one
-/// before the leader knows. Hence the claim. It is made by who is first in the queue, all in one with the look whether
-/// it still is in the queue; it goes with the session, or when its owner has stopped leading, and until then whoever
-/// else is first waits.
+/// before the leader knows. Hence the claim. The first candidate in the queue makes it, in one transaction with the
+/// check that it still is in the queue. It goes with the session, or when its owner has stopped leading. Until then
+/// another candidate that is first waits. Each claim records how long its holder's lease can be. The record stays when
+/// the claim goes without its owner giving the lead back.
 ///
 /// Blocks for round trips; throws `ZooError` for what a server refuses or does not answer. Used by one thread.
 class QueuePlace
@@ -65,6 +66,7 @@ public:
     void Join();
 
     /// `lease` is the longest lease that the session can have. After `Made`, or `Gone`, there is nothing more to claim.
+    /// `Waiting` when the last leader has left the record of a longer one, less than that long ago.
     Claim TryToClaim(std::chrono::milliseconds lease);
 
     /// After `Waiting`: when to claim again.

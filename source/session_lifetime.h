@@ -24,7 +24,9 @@ namespace kx::velmor {
 ///
 /// A lease ends at the earlier of w + 2T/3 and p + 11T/12. The first term bounds the lease of a client that hears from
 /// the servers all the time: the servers keep its session until w + 3T/4. Both terms leave T/12 for clocks that differ
-/// in speed and for pings that are late.
+/// in speed, and for pings that are late while the session is heard from every half tick. After a silence a ping that
+/// is missing between p and w would cost the whole silence. So T/4 must be longer than half a tick by as much as pings
+/// are late: a timeout of exactly two ticks leaves nothing for that.
 ///
 /// T is the smallest timeout that was granted in this session. The newest is not safe: a new leader of the ensemble
 /// starts each session anew with the timeout of its creation.
@@ -39,7 +41,8 @@ public:
         return sessionTimeout * 2 / 3;
     }
 
-    /// A heartbeat of reads at this interval makes p recent enough for a lease of 5T/12 or more with the first write.
+    /// A heartbeat of reads at this interval makes p recent enough for a lease of 5T/12, less two round trips, with the
+    /// first write in a session that has been connected for T/4.
     static std::chrono::nanoseconds ReadInterval(std::chrono::milliseconds sessionTimeout)
     {
         return std::chrono::nanoseconds(sessionTimeout) / 4;

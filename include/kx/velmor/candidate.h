@@ -38,13 +38,13 @@ const char* ToString(Role role) noexcept;
 /// Why a leadership is over.
 enum class LossReason
 {
-    /// The candidate was stopped.
+    /// The candidate was stopped, or has given up for lack of permission: `Candidate::Error` says why.
     Left,
-    /// The servers have ended its session, or its owner has closed it.
+    /// The servers have ended its session, or its owner has closed it, or the candidate has, for `maxCallbackTime`.
     SessionExpired,
-    /// Somebody deleted its node.
+    /// Its node, its identity or its claim was deleted by another client.
     NodeDeleted,
-    /// The servers were not heard from for so long that they may have ended the session by now.
+    /// The servers have answered no write for so long that they may have ended the session by now.
     LeaseRanOut,
     /// Another node of the election path came to stand ahead of its own.
     Displaced,
@@ -120,9 +120,10 @@ private:
 ///
 /// The callbacks, each of which may be empty, run one after the other, in the order of what they tell, on a thread of
 /// the candidate's own and with no lock held. They may take their time and call anything. Until they have returned the
-/// candidate does not join again, and the next in line is not let in. A callback that runs for longer than a session
-/// timeout is logged as a warning, and again after each further one. The time of `onLeader`, which may work for as long
-/// as its leadership stands, counts from the end of the leadership.
+/// candidate does not join again, and the next in line is not let in, unless the session ends first. A callback that
+/// runs for longer than a session timeout is logged as a warning, and again after each further one, while the candidate
+/// has a place in the queue or leaves it. The time of `onLeader`, which may work for as long as its leadership stands,
+/// counts from the end of the leadership.
 ///
 /// What they throw is logged. When `onLeader` throws, the candidate also gives up that leadership, with
 /// `LossReason::CallbackFailed`, and queues up again; the delays before that grow until a leadership has lasted for a
@@ -157,7 +158,8 @@ struct CandidateOptions
     std::chrono::milliseconds mostRejoinDelay{10'000};
     /// When a callback has run for this long, the candidate gives up, and closes its session for all who share it, so
     /// that the next leader need not wait for the callback. The session's clock counts, and the time of `onLeader`
-    /// counts as above. 0: a callback may run for ever. Must not be negative.
+    /// counts as above. 0: a callback may run for ever. Must not be negative. When the last leader's lease could have
+    /// been longer than the next one's, the next one still waits for that long.
     ///
     /// The callback runs on meanwhile, beside the next leader: what it does must be fenced.
     std::chrono::milliseconds maxCallbackTime{0};
@@ -212,8 +214,9 @@ public:
     /// callback of this candidate `Stop` does not block: all of that happens when the callback has returned.
     void Stop();
 
-    /// Whether this candidate leads: true only while no server can have ended its session, so that nobody else can
-    /// lead. Right in the first instruction after a process was stopped for any length of time, or its machine slept.
+    /// Whether this candidate leads: true only while no server can have ended its session, so that no other candidate
+    /// can lead (docs/guarantees.md lists the exceptions). Right in the first instruction after a process was stopped
+    /// for any length of time, or its machine slept.
     ///
     /// It says that the candidate led when it was asked, not that it still does when the next instruction runs: guard
     /// what must not be done twice with `Leadership`. Lock-free; costs one reading of the clock.

@@ -52,8 +52,9 @@ public:
     /// and what a listener may do are as for `OnHeard`.
     virtual Registration OnEnding(EndingListener listener) = 0;
 
-    /// While registered, extends `SessionStatus::leaseEnd` for as long as servers answer, so that more than half of the
-    /// session timeout is left at any time. Any number of registrations cost as much as one. Does not block.
+    /// While registered, extends `SessionStatus::leaseEnd` for as long as servers answer. A quarter of the session
+    /// timeout later more than half of the timeout is left at any time. Any number of registrations cost as much as
+    /// one. Does not block.
     virtual Registration KeepFresh() = 0;
 
     /// Reads a node's data, and its `stat`, which may be null: `ZOK` or `ZNONODE`. A node without data has empty data.

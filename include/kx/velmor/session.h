@@ -59,6 +59,10 @@ struct SessionOptions
 /// events; ephemeral nodes of the old session are gone or go, and making them and arming watches on nodes again is
 /// their owner's business.
 ///
+/// While connected it sends a small read every quarter of the session timeout, in place of the client library's
+/// heartbeats, so that the lease that begins with a first write is long enough. A callback that occupies the event
+/// thread holds these reads up.
+///
 /// Threads: three while connected, two of the client library and one event thread, which alone runs watch callbacks, in
 /// the order in which events arrived. A fourth exists while there is no connection, a deletion is pending or
 /// `KeepFresh` is in force, and a fifth while a name is looked up. A callback may take its time: later callbacks wait,

@@ -42,12 +42,14 @@ struct SessionStatus
     /// Reads do not count: a server that has lost the others answers them for seconds, while the others end the
     /// session. Codes that a single server may give by itself, `ZNOAUTH` among them, do not count either.
     std::optional<BootClock::time_point> lastHeard{};
-    /// The smallest timeout that was granted in this session. Servers may go back to it: a new leader of the ensemble
-    /// starts every session anew with the timeout of its creation.
+    /// The smallest timeout that was granted in this session; `negotiatedTimeout` until a server has granted one.
+    /// Servers may go back to it: a new leader of the ensemble starts every session anew with the timeout of its
+    /// creation.
     std::chrono::milliseconds minTimeout{0};
     /// The servers keep the session, and its ephemeral nodes unless a client deletes them, until then at least,
-    /// whichever server fails; with a margin of a twelfth of `minTimeout` for clocks that differ in speed. Empty with
-    /// `lastHeard`. docs/guarantees.md has the arithmetic.
+    /// whichever server fails; with a margin of a twelfth of `minTimeout` for clocks that differ in speed. It is two
+    /// thirds of `minTimeout` after `lastHeard`, or sooner when there were no regular answers before that. Empty with
+    /// `lastHeard`. docs/guarantees.md has the arithmetic, and the exceptions.
     std::optional<BootClock::time_point> leaseEnd{};
 };
 

@@ -209,7 +209,7 @@ private:
     /// Returns when to try again, unless there is news before. With the claim made, `freshness` keeps the session
     /// fresh.
     BootClock::time_point Claim(QueuePlace& place, Registration& freshness);
-    /// False when the servers were not heard from for so long that it cannot.
+    /// False when the servers were not heard from for so long that it cannot, or not for long enough.
     bool Lead(const QueuePlace& place);
     void Prepare(QueuePlace& place);
     void Look(QueuePlace& place);

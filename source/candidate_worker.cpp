@@ -380,6 +380,7 @@ bool CandidateCore::Lead(const QueuePlace& place)
         return true;
     }
     if (status.sessionId != stay_.session || !status.leaseEnd ||
+        *status.leaseEnd - session_->Now() < SessionLifetime::MinFirstLease(status.minTimeout) ||
         !lease_->Grant(stay_.number, stay_.session, *status.leaseEnd))
     {
         return false;

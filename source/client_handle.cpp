@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <thread>
 #include <utility>
 
@@ -295,11 +296,13 @@ void ClientHandle::OnWatch(zhandle_t* zh, int type, int state, const char* path,
         self.LeaveCallback(false);
         return;
     }
-    SessionEvent event{state, {}, std::chrono::milliseconds(0), std::string()};
+    SessionEvent event{state, {}, std::chrono::milliseconds(0), std::chrono::milliseconds(0), std::string()};
     if (state == ZOO_CONNECTED_STATE)
     {
         event.identity = *zoo_client_id(zh);
         event.negotiatedTimeout = std::chrono::milliseconds(zoo_recv_timeout(zh));
+        self.minTimeout_ = std::min(self.minTimeout_, event.negotiatedTimeout);
+        event.minTimeout = self.minTimeout_;
         event.server = ConnectedServer(zh);
         if (!self.ShowCredentials(zh))
         {

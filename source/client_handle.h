@@ -28,6 +28,8 @@ struct SessionEvent
     int state;
     clientid_t identity;
     std::chrono::milliseconds negotiatedTimeout;
+    /// The smallest that was granted over this handle, also in connections that were lost before they were reported.
+    std::chrono::milliseconds minTimeout;
     /// "address:port" of the server, where the state is connected.
     std::string server;
 };
@@ -157,6 +159,7 @@ private:
     // Of the library's callback thread alone.
 
     bool credentialsShown_ = false;
+    std::chrono::milliseconds minTimeout_ = std::chrono::milliseconds::max();
     /// Once `zookeeper_close` is past its first steps.
     bool mayLeave_ = false;
 

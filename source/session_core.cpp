@@ -332,7 +332,7 @@ void SessionCore::Note(const SessionEvent& event)
         identity_ = event.identity;
         sessionId_ = event.identity.client_id;
         negotiatedTimeout_ = event.negotiatedTimeout;
-        lifetime_.Grant(event.negotiatedTimeout);
+        lifetime_.Grant(event.minTimeout);
         ++connection_;
         Advance(SessionState::Connected,
                 "server " + event.server + ", timeout " + std::to_string(negotiatedTimeout_.count()) + " ms");

@@ -48,6 +48,13 @@ public:
         return std::chrono::nanoseconds(sessionTimeout) / 4;
     }
 
+    /// With less a leadership should not begin: after a connection that took long, p stays where it is until a write
+    /// that is sent a quarter of the timeout later has been answered.
+    static std::chrono::nanoseconds MinFirstLease(std::chrono::milliseconds sessionTimeout)
+    {
+        return std::chrono::nanoseconds(sessionTimeout) / 3;
+    }
+
     /// Writes at this interval keep p close to w - T/4, so that leases are as long as the first term allows.
     static std::chrono::nanoseconds WriteInterval(std::chrono::milliseconds sessionTimeout)
     {

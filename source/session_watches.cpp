@@ -20,7 +20,7 @@ Clock::time_point SessionCore::ReadRegularly()
     {
         const MutexLock lock(mutex_);
         const Clock::time_point now = Clock::now();
-        const Clock::duration interval = SessionLifetime::ReadInterval(negotiatedTimeout_);
+        const Clock::duration interval = SessionLifetime::ReadInterval(StatusNow().minTimeout);
         if (phase_ == SessionState::Connected && handle_ && readAt_ <= now)
         {
             handle = handle_;

@@ -1,5 +1,6 @@
 // Leases, by a clock that only the test moves.
 
+#include "tests/unit/counting_session.h"
 #include "tests/unit/member_fixture.h"
 
 #include <future>
@@ -32,6 +33,22 @@ TEST_F(CandidateLeaseTest, RunsOutTwoThirdsOfATimeoutAfterTheLastWord)
     EXPECT_EQ(ours->CurrentRole(), Role::Joining);
     EXPECT_EQ(ours->CurrentLeadership(), std::nullopt);
     ours.Await("lost: lease ran out");
+}
+
+TEST_F(CandidateLeaseTest, DoesNotBeginWithLessThanAThirdOfTheTimeout)
+{
+    testing::MemorySessionOptions sessionOptions;
+    sessionOptions.sessionTimeout = kTimeout;
+    const auto session = std::make_shared<CountingSession>(service_.Open(sessionOptions));
+    session->ShortenLeases(kLease - kTimeout / 3 + milliseconds(1));
+    CandidateOptions options;
+    options.electionPath = "/election";
+    Candidate ours(session, options);
+    ours.Start();
+    AdvanceUntil("some attempts", [&] { return session->Count("data /election-identities/leader") >= 5; });
+    EXPECT_EQ(ours.CurrentRole(), Role::Joining);
+    session->ShortenLeases(kLease - kTimeout / 3);
+    AdvanceUntil("the lead", [&] { return ours.IsLeader(); });
 }
 
 TEST_F(CandidateLeaseTest, ItsLapseIsToldWithoutAnyEvent)

@@ -2,6 +2,8 @@
 
 #include <kx/velmor/election_session.h>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -29,9 +31,26 @@ public:
     void Before(const std::string& read, std::function<void()> task);
     void BeforeEach(const std::string& read, std::function<void()> task);
 
-    SessionStatus Status() const override { return session_->Status(); }
+    /// Leases end so much sooner than the session says.
+    void ShortenLeases(BootClock::duration by) { shortened_ = by.count(); }
+
+    SessionStatus Status() const override
+    {
+        SessionStatus status = session_->Status();
+        if (status.leaseEnd)
+        {
+            *status.leaseEnd -= BootClock::duration(shortened_);
+        }
+        return status;
+    }
     Registration OnStateChange(StateListener listener) override { return session_->OnStateChange(std::move(listener)); }
-    Registration OnHeard(HeardListener listener) override { return session_->OnHeard(std::move(listener)); }
+    Registration OnHeard(HeardListener listener) override
+    {
+        return session_->OnHeard(
+            [this, listener = std::move(listener)](std::int64_t id, BootClock::time_point leaseEnd) {
+                listener(id, leaseEnd - BootClock::duration(shortened_));
+            });
+    }
     Registration OnEnding(EndingListener listener) override { return session_->OnEnding(std::move(listener)); }
     Registration KeepFresh() override { return session_->KeepFresh(); }
     void Close() override { session_->Close(); }
@@ -78,6 +97,7 @@ private:
     void RunTask(const std::string& before) const;
 
     const std::shared_ptr<ElectionSession> session_;
+    std::atomic<BootClock::rep> shortened_{0};
     mutable std::mutex mutex_;
     mutable std::vector<std::string> reads_;
     mutable std::map<std::string, Task> tasks_;

@@ -160,7 +160,8 @@ void CheckEnding(const Ending& ending, Report& report)
     nodes.insert(nodes.end(), ending.besides.begin(), ending.besides.end());
     for (const QueueNode& node : nodes)
     {
-        if (living.count(node.owner) == 0)
+        // What belongs to no session stays by design: the record of the lease.
+        if (node.owner != 0 && living.count(node.owner) == 0)
         {
             ++report.orphans;
             report.violations.push_back({"orphan", node.name + " belongs to no member's session", ending.at});

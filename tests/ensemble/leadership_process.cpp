@@ -109,7 +109,7 @@ int AwaitSignal(const sigset_t& signals)
         session->Close();
         session.reset();
     }
-    Tell("child ended\n");
+    Tell("%s\n", "child ended");
     ::_exit(EXIT_SUCCESS);
 }
 

@@ -121,7 +121,7 @@ TEST_F(SessionLifetimeTest, ManyRequestsAtOnceLoseNextToNothing)
     }
     Write(30'000, 30'010);
     EXPECT_GE(End(), 30'000 + 8'000 - 50) << "12,000 / 256 is about 47";
-    EXPECT_LE(End(), 30'000 + 8'000);
+    EXPECT_LT(End(), 26'999 + 11'000) << "as long as if each read were kept";
 }
 
 TEST_F(SessionLifetimeTest, AnswerToAnOlderWriteChangesNothing)

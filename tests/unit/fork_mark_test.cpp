@@ -56,12 +56,15 @@ TEST(ForkMark, IsInheritedByTheChildOfARawSystemCall)
 
 const ForkMark* g_marked = nullptr;
 bool g_inheritedInHandler = false;
+/// 0 for success. This handler runs before each one that a mark registers: no mark exists yet.
+const int g_registered =
+    ::pthread_atfork(nullptr, nullptr, [] { g_inheritedInHandler = g_marked != nullptr && g_marked->Inherited(); });
 
 TEST(ForkMark, IsInheritedInForkHandlers)
 {
+    ASSERT_EQ(g_registered, 0);
     const ForkMark mark;
     g_marked = &mark;
-    ASSERT_EQ(::pthread_atfork(nullptr, nullptr, [] { g_inheritedInHandler = g_marked && g_marked->Inherited(); }), 0);
     EXPECT_EQ(FindInChild([](Findings& findings) { findings.Expect(g_inheritedInHandler, "not inherited"); }), "");
     g_marked = nullptr;
 }

@@ -359,6 +359,11 @@ TEST_F(CandidateCallbacksTest, CallbackThatHasBeenReportedAndReturnsHoldsUpNothi
     ours.Await("gained");
     service_.Advance(10 * kTimeout);
     EXPECT_TRUE(ours->IsLeader());
+    service_.Delete("/election/" + ours->NodeName());
+    // All callbacks have returned before the candidate waits to join again. None begins until it leads.
+    AwaitRejoinDelays(1);
+    service_.Advance(10 * kTimeout);
+    AdvanceUntil("the return", [&] { return ours->IsLeader(); });
     ours->Stop();
     EXPECT_EQ(LogLines("has been running").size(), 1U);
     ExpectNobody();

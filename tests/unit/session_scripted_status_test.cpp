@@ -367,8 +367,10 @@ TEST_F(FreshSession, SendsReadsWhileItIsConnectedThoughNothingIsAsked)
     options.sessionTimeout = seconds(1);
     const auto session = OpenAtOnce();
     Await("heartbeats", [this] { return library.Heartbeats(1) >= 4; });
+    const Registration states = session->OnStateChange(NotingStates("a"));
     library.Report(1, ZOO_CONNECTING_STATE);
-    AwaitQuiet(*session, 1);
+    // The event thread reports this after a read that it was sending.
+    journal.Await("a suspended 1 1000");
     const std::size_t sent = library.Heartbeats(1);
     std::this_thread::sleep_for(milliseconds(300));
     EXPECT_EQ(library.Heartbeats(1), sent);

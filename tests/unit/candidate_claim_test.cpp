@@ -78,7 +78,7 @@ TEST_F(CandidateClaimTest, NextOneThatIsGrantedLessWaitsForTheLeaseOfALeaderThat
     EXPECT_EQ(LeftLease(), "");
 }
 
-TEST_F(CandidateClaimTest, WaitEndsWhenWhatWasLeftBehindIsDeleted)
+TEST_F(CandidateClaimTest, RecordThatIsDeletedDuringTheWaitIsMadeAnew)
 {
     Member first(service_, "first");
     Member second(service_, "second", {}, kShortTimeout);

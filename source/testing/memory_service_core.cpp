@@ -220,7 +220,7 @@ Registration MemoryServiceCore::KeepFresh(Record& session)
             Post(session, [weak = session.weak_from_this(), id = heard[0].id, end = heard[0].leaseEnd] {
                 if (const auto alive = weak.lock())
                 {
-                    alive->heard.Tell(id, end);
+                    Tell({{alive, id, end}});
                 }
             });
         }
@@ -238,7 +238,11 @@ void MemoryServiceCore::Tell(const AllHeard& allHeard)
 {
     for (const Heard& heard : allHeard)
     {
-        heard.session->heard.Tell(heard.id, heard.leaseEnd);
+        const MutexLock order(heard.session->telling);
+        // Other threads may have moved the clock and the end of the lease meanwhile.
+        const SessionStatus status = heard.session->service->Status(*heard.session);
+        const bool present = status.sessionId == heard.id && status.leaseEnd;
+        heard.session->heard.Tell(heard.id, present ? *status.leaseEnd : heard.leaseEnd);
     }
 }
 

@@ -48,6 +48,10 @@ struct MemorySessionRecord : std::enable_shared_from_this<MemorySessionRecord>
     ListenerList<std::int64_t, BootClock::time_point> heard{};
     ListenerList<std::int64_t> endings{};
 
+    /// Held while `heard` is told, so that its listeners never hear of an older end of the lease after a newer one.
+    /// Taken before the service's mutex.
+    Mutex telling{};
+
     // Guarded by the service's mutex.
 
     SessionStatus status{};

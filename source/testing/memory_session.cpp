@@ -95,7 +95,11 @@ std::function<BootClock::time_point()> MemorySession::TimeSource() const
 
 Registration MemorySession::OnClockJump(std::function<void()> listener)
 {
-    return record_->made.Inherited() ? Registration() : record_->service->OnClockJump(std::move(listener));
+    if (record_->made.Inherited())
+    {
+        return Registration();
+    }
+    return record_->service->OnClockJump(std::move(listener));
 }
 
 const std::string& MemorySession::RootPath() const

@@ -130,7 +130,8 @@ private:
 /// In a forked child, only the destructor of the parent's service may be called; the child makes a service of its own.
 ///
 /// Threads: any, callbacks included, as far as nothing else is said. No function blocks, except `AwaitQuiet`. No lock
-/// is held while a callback or a listener runs.
+/// is held while a callback or a listener runs, except that listeners of `OnHeard` of one session are called one at a
+/// time.
 class MemoryService
 {
 public:

@@ -64,14 +64,28 @@ protected:
         return sent;
     }
 
+    Counts CountedOnce(const std::function<void(Member&)>& prepare, const std::function<void(Member&)>& act)
+    {
+        prepare(Add(Quick()));
+        Counts sent = Sent(members_.back(), act);
+        members_.pop_back();
+        return sent;
+    }
+
     /// Lets a fresh member go through `act` for each request that it sends then and each loss, which that one meets.
     /// Returns how many it were.
     int LoseEachRequest(const std::function<void(Member&)>& prepare, const std::function<void(Member&)>& act,
                         const std::function<void(Member&)>& check)
     {
-        prepare(Add(Quick()));
-        const Counts sent = Sent(members_.back(), act);
-        members_.pop_back();
+        Counts sent = CountedOnce(prepare, act);
+        for (int again = 0; again < 2; ++again)
+        {
+            // A read that meets the end of a connection is repeated. Only what is sent each time can be waited for.
+            for (const auto& [request, count] : CountedOnce(prepare, act))
+            {
+                sent[request] = std::min(sent[request], count);
+            }
+        }
         int rounds = 0;
         for (const auto& [request, count] : sent)
         {

@@ -23,6 +23,12 @@
 namespace kx::velmor::testing_support {
 namespace {
 
+#ifdef __SANITIZE_THREAD__
+constexpr bool kChildrenHaveNoThreads = true;
+#else
+constexpr bool kChildrenHaveNoThreads = false;
+#endif
+
 // An explicit instantiation may name a private member, and a friend that is defined in it can be called from outside.
 template <typename Class, typename Type, Type Class::*Member>
 struct Opener
@@ -186,6 +192,10 @@ TEST_F(Fork, ChildIsRefusedBySessionsOfItsParent)
 
 TEST_F(Fork, ChildsCandidateOnASessionOfTheParentGivesUp)
 {
+    if (kChildrenHaveNoThreads)
+    {
+        GTEST_SKIP() << "ThreadSanitizer does not support threads in forked children";
+    }
     Member member(service_, "ours");
     member.Become(Role::Leader);
     EXPECT_EQ(FindInChild([&](Findings& child) {
@@ -215,6 +225,10 @@ void Lead(Findings& findings)
 
 TEST_F(Fork, ChildAndGrandchildLeadWithSessionsAndCandidatesOfTheirOwn)
 {
+    if (kChildrenHaveNoThreads)
+    {
+        GTEST_SKIP() << "ThreadSanitizer does not support threads in forked children";
+    }
     Member member(service_, "ours");
     member.Become(Role::Leader);
     EXPECT_EQ(FindInChild([&](Findings& child) {

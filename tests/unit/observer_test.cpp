@@ -619,9 +619,11 @@ TEST_F(ObserverCostTest, LookAtRestTakesTwoReads)
     service_.Advance(kInterval);
     Await("another", [&] { return counting_->Reads() >= 4; });
     const std::vector<std::string> reads = counting_->Take();
+    // What was forgotten may have been half a look.
+    const std::size_t odd = reads.front() == "exists /election" ? 0 : 1;
     for (std::size_t i = 0; i < reads.size(); ++i)
     {
-        EXPECT_EQ(reads[i], i % 2 == 0 ? "exists /election" : "exists /election-identities");
+        EXPECT_EQ(reads[i], (i + odd) % 2 == 0 ? "exists /election" : "exists /election-identities");
     }
 }
 

@@ -134,7 +134,7 @@ private:
 struct CandidateOptions
 {
     /// Where the election takes place, as in "/services/billing/leader". Candidates of one election use one path, and
-    /// nobody else creates nodes there, nor in its sibling with "-identities" behind its name. Must name a node.
+    /// no other client creates nodes there, nor in its sibling with "-identities" behind its name. Must name a node.
     std::string electionPath;
 
     /// The candidate leads. Once per leadership.
